@@ -1,0 +1,52 @@
+/* Scalar types shared by every public header, the export macro, and the
+ * socket-facing types that a module record carries. */
+#ifndef QV_DEFS_H
+#define QV_DEFS_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+#define QV_BEGIN_DECLS extern "C" {
+#define QV_END_DECLS }
+/* Nothing thrown inside the library may cross the C boundary. */
+#define QV_NOEXCEPT noexcept
+#else
+#define QV_BEGIN_DECLS
+#define QV_END_DECLS
+#define QV_NOEXCEPT
+#endif
+
+/* Marks every function and datum of the API; everything else is hidden. */
+#define QV_EXPORT __attribute__((visibility("default")))
+
+QV_BEGIN_DECLS
+
+typedef uint32_t flag_t;
+typedef void *void_t;
+typedef uint8_t boolean;
+typedef uint8_t byte;
+
+#ifndef TRUE
+#define TRUE 1
+#endif
+#ifndef FALSE
+#define FALSE 0
+#endif
+
+struct _qvmodule;
+
+/* The compact socket address; its layout is private to the library. */
+typedef struct _qvsockaddr qvsockaddr_t;
+
+/* Socket callbacks of a module: each takes the module it belongs to. */
+typedef void (*qvmodule_recv_func)(struct _qvmodule *tp);
+typedef void (*qvmodule_accept_func)(struct _qvmodule *tp);
+typedef void (*qvmodule_write_func)(struct _qvmodule *tp);
+typedef void (*qvmodule_connect_func)(struct _qvmodule *tp);
+typedef void (*qvmodule_terminate_func)(struct _qvmodule *tp);
+
+QV_END_DECLS
+
+#endif

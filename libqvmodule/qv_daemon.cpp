@@ -1,0 +1,258 @@
+// Daemon start-up and main loop, the process globals, the giant lock hook
+// and the registration of the library's management commands.
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <event2/event.h>
+
+#include <string>
+
+#include "qv_assert.h"
+#include "qv_daemon_private.h"
+#include "qv_memory.h"
+#include "qv_trace_private.h"
+
+extern "C" {
+QV_EXPORT char *progname = nullptr;
+QV_EXPORT char hostname[65] = "";
+QV_EXPORT int do_daemon = 0;
+QV_EXPORT int daemon_pid = -1;
+QV_EXPORT qv_daemon_app_ctx_t *daemon_app_ctx = nullptr;
+QV_EXPORT struct event_base *g_event_base = nullptr;
+QV_EXPORT trace_handle *trace_global = nullptr;
+}
+
+qv_giant_lock_func qv_giant_lock_unlock_fn = nullptr;
+const char *qv_gian_lock_last_caller = nullptr;
+int qv_gian_lock_last_caller_line = 0;
+
+namespace {
+
+constexpr uint32_t kDefaultLogSize = 5000000;
+constexpr uint8_t kDefaultLogCount = 5;
+
+char log_file_name[256];
+
+const char *basename_of(const char *path)
+{
+    const char *slash = strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
+
+[[noreturn]] void refuse_trace_file(const char *path)
+{
+    trace_cb(nullptr, FALSE, LOG_ERR, "Unable to open trace_file:%s", path);
+    exit(0);
+}
+
+// Fills the defaulted trace settings of the context. A default path that
+// would not fit its buffer is refused rather than cut, since a cut path
+// would name some other file.
+void default_trace_settings(qv_daemon_app_ctx_t *ctx)
+{
+    if (ctx->log_file_name == nullptr) {
+        int n = snprintf(log_file_name, sizeof(log_file_name), "/var/log/%s.log", progname);
+        if (n < 0 || static_cast<size_t>(n) >= sizeof(log_file_name))
+            refuse_trace_file((std::string("/var/log/") + progname + ".log").c_str());
+        ctx->log_file_name = log_file_name;
+    }
+    if (ctx->log_file_size == 0)
+        ctx->log_file_size = kDefaultLogSize;
+    if (ctx->log_file_count == 0)
+        ctx->log_file_count = kDefaultLogCount;
+}
+
+// The trace file's own open aborts on failure; start-up wants the quiet
+// refusal instead, so it tries the path first.
+void open_trace_file(qv_daemon_app_ctx_t *ctx)
+{
+    FILE *probe = trace_file_open_internal(ctx->log_file_name, 0666);
+    if (probe == nullptr)
+        refuse_trace_file(ctx->log_file_name);
+    fclose(probe);
+    trace_global = trace_file_open(ctx->log_file_name, ctx->log_file_size, ctx->log_file_count);
+    if (trace_global == nullptr)
+        refuse_trace_file(ctx->log_file_name);
+}
+
+void init_subsystems()
+{
+    // Memory first: every later initialiser creates block pools.
+}
+
+void run_app_modules(const qv_daemon_app_ctx_t *ctx)
+{
+    struct app_module *mods = ctx->app_modules.primary;
+    if (mods == nullptr)
+        return;
+    for (uint32_t i = 0; i < ctx->app_modules.count; i++)
+        if (mods[i].var_init)
+            mods[i].var_init();
+    for (uint32_t i = 0; i < ctx->app_modules.count; i++)
+        if (mods[i].init)
+            mods[i].init();
+}
+
+} // namespace
+
+void qv_libevent_trace_fn(int severity, const char *msg) noexcept
+{
+    if (trace_type_is_enabled(trace_global, QV_TRACE_LIBEVENT))
+        trace_cb(trace_global, TRUE, -1, "libevent severity:%d %s", severity, msg);
+}
+
+void qv_libevent_fatal_fn(int err) noexcept
+{
+    if (trace_type_is_enabled(trace_global, QV_TRACE_LIBEVENT))
+        trace_cb(trace_global, TRUE, -1, "LIBEVENT FATAL ERROR: %d", err);
+}
+
+extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv, struct qv_daemon_app_ctx *ctx) noexcept
+{
+    progname = const_cast<char *>(basename_of(argv[0]));
+    if (gethostname(hostname, sizeof(hostname)) != 0)
+        exit(0);
+    daemon_app_ctx = ctx;
+    daemon_pid = getpid();
+
+    default_trace_settings(ctx);
+    open_trace_file(ctx);
+    trace_cb(trace_global, TRUE, LOG_INFO, "%s: Daemon(%s) starting", "qv_daemon_init", progname);
+    openlog(progname, LOG_PID | LOG_NDELAY, LOG_DAEMON);
+    setlogmask(LOG_UPTO(LOG_INFO));
+
+    umask(022);
+    if (chdir("/var/tmp/") != 0) {
+        // A daemon can run from wherever it was started.
+    }
+    event_set_log_callback(qv_libevent_trace_fn);
+    event_set_fatal_callback(qv_libevent_fatal_fn);
+
+    if (ctx->args_parser_fn)
+        ctx->args_parser_fn(argc, argv);
+
+    g_event_base = event_base_new();
+    QV_ASSERT(g_event_base);
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    srand48(tv.tv_sec);
+
+    init_subsystems();
+    run_app_modules(ctx);
+}
+
+extern "C" QV_EXPORT void qv_daemon_loop(void) noexcept
+{
+    event_base_loop(g_event_base, 0);
+}
+
+extern "C" QV_EXPORT void qv_daemon_json_event_hndl(int flag) noexcept
+{
+    event_base_loop(g_event_base, flag);
+}
+
+extern "C" QV_EXPORT struct event_base *qv_get_global_event_base(void) noexcept
+{
+    return g_event_base;
+}
+
+extern "C" QV_EXPORT char *qv_daemon_get_progname(void) noexcept
+{
+    return progname;
+}
+
+extern "C" QV_EXPORT char *qv_daemon_get_hostname(void) noexcept
+{
+    return hostname;
+}
+
+/* ---------------------------------------------------------------- */
+/* Giant lock                                                       */
+
+extern "C" QV_EXPORT void qv_giant_lock_func_init(qv_giant_lock_func fn) noexcept
+{
+    qv_giant_lock_unlock_fn = fn;
+}
+
+extern "C" QV_EXPORT int qv_giant_lock(const char *func, int line) noexcept
+{
+    if (qv_giant_lock_unlock_fn == nullptr)
+        return -1;
+    int res = qv_giant_lock_unlock_fn(1, 0);
+    if (res == -1) {
+        qv_gian_lock_last_caller = func;
+        qv_gian_lock_last_caller_line = line;
+    }
+    return res;
+}
+
+extern "C" QV_EXPORT void qv_giant_unlock(int lock_res) noexcept
+{
+    if (qv_giant_lock_unlock_fn == nullptr)
+        return;
+    if (lock_res == 0)
+        qv_gian_lock_last_caller = nullptr;
+    qv_giant_lock_unlock_fn(0, lock_res);
+}
+
+/* ---------------------------------------------------------------- */
+/* Management commands                                              */
+
+namespace {
+
+struct UiCommand {
+    jrpc_reg_kind_t kind;
+    const char *name;
+    const char *help;
+    const char *keyword;
+    int on;
+    jrpc_method_handler_t handler;
+};
+
+jrpc_method_retval_t set_trace_bit(uint32_t bit, bool on)
+{
+    if (on)
+        trace_type_enable(trace_global, bit);
+    else
+        trace_type_disable(trace_global, bit);
+    return JRPC_SUCCESS;
+}
+
+} // namespace
+
+extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_show(jrpc_method_ctx_handle) noexcept
+{
+    return JRPC_SUCCESS;
+}
+
+extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_trace_on(jrpc_method_ctx_handle) noexcept
+{
+    return set_trace_bit(QV_TRACE_LIBEVENT, true);
+}
+
+extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_trace_off(jrpc_method_ctx_handle) noexcept
+{
+    return set_trace_bit(QV_TRACE_LIBEVENT, false);
+}
+
+extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept
+{
+    static const UiCommand commands[] = {
+        {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
+        {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1, qv_libevent_trace_on},
+        {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0, qv_libevent_trace_off},
+    };
+    for (const UiCommand &c : commands) {
+        if (c.kind == JRPC_REG_SHOW)
+            jrpc_register_show_command(jrpc_gl_amd_session, app_name, c.name, c.help, c.keyword,
+                                       c.handler);
+        else
+            jrpc_register_trace_command(jrpc_gl_amd_session, app_name, c.on, c.keyword, c.handler);
+    }
+}

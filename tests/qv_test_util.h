@@ -1,0 +1,81 @@
+// Helpers shared by the test programs: temporary directories, whole-file
+// reads, and running a piece of code in a child process.
+#pragma once
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace qvtest {
+
+// A fresh directory under TMPDIR, removed with everything in it.
+class TempDir {
+  public:
+    TempDir()
+    {
+        const char *base = getenv("TMPDIR");
+        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/qvtest.XXXXXX";
+        std::vector<char> buf(tmpl.begin(), tmpl.end());
+        buf.push_back('\0');
+        if (mkdtemp(buf.data()) == nullptr)
+            abort();
+        path_ = buf.data();
+    }
+    ~TempDir()
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &path() const { return path_; }
+    std::string file(const std::string &name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+inline std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+inline std::vector<std::string> read_lines(const std::string &path)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+inline bool file_exists(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+// Runs fn in a forked child; the child exits with fn's result. Returns the
+// raw wait status.
+inline int run_in_child(const std::function<int()> &fn)
+{
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(fn());
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+} // namespace qvtest

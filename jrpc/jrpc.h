@@ -54,8 +54,7 @@ static inline cJSON *jrpc_ctx_get_result_jroot(jrpc_method_ctx_handle ctx)
 JRPC_EXPORT extern jrpc_session_handle jrpc_gl_amd_session;
 
 JRPC_EXPORT int jrpc_register_show_command(jrpc_session_handle session, const char *app,
-                                           const char *name, const char *help,
-                                           const char *keyword,
+                                           const char *name, const char *help, const char *keyword,
                                            jrpc_method_handler_t handler) JRPC_NOEXCEPT;
 JRPC_EXPORT int jrpc_register_trace_command(jrpc_session_handle session, const char *app, int on,
                                             const char *keyword,

@@ -14,7 +14,7 @@ void qv_assert_fail(const char *cond, const char *file, const char *func) noexce
     /* A detached daemon's stderr is /dev/null: the trace file and syslog
      * are where an operator will look. */
     fprintf(stderr, "%s:%s: assertion \"%s\" failed\n", base, func, cond);
-    trace_cb(trace_global, trace_global != nullptr, LOG_CRIT, "%s:%s: assertion \"%s\" failed", base,
-             func, cond);
+    trace_cb(trace_global, trace_global != nullptr, LOG_CRIT, "%s:%s: assertion \"%s\" failed",
+             base, func, cond);
     abort();
 }

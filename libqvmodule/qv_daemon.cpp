@@ -32,7 +32,8 @@ qv_giant_lock_func qv_giant_lock_unlock_fn = nullptr;
 const char *qv_gian_lock_last_caller = nullptr;
 int qv_gian_lock_last_caller_line = 0;
 
-namespace {
+namespace
+{
 
 constexpr uint32_t kDefaultLogSize = 5000000;
 constexpr uint8_t kDefaultLogCount = 5;
@@ -113,7 +114,8 @@ void qv_libevent_fatal_fn(int err) noexcept
         trace_cb(trace_global, TRUE, -1, "LIBEVENT FATAL ERROR: %d", err);
 }
 
-extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv, struct qv_daemon_app_ctx *ctx) noexcept
+extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
+                                         struct qv_daemon_app_ctx *ctx) noexcept
 {
     progname = const_cast<char *>(basename_of(argv[0]));
     if (gethostname(hostname, sizeof(hostname)) != 0)
@@ -204,7 +206,8 @@ extern "C" QV_EXPORT void qv_giant_unlock(int lock_res) noexcept
 /* ---------------------------------------------------------------- */
 /* Management commands                                              */
 
-namespace {
+namespace
+{
 
 struct UiCommand {
     jrpc_reg_kind_t kind;

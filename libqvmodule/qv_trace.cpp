@@ -21,7 +21,8 @@
 int (*qv_trace_fputs_fn)(const char *s, FILE *fp) = fputs;
 int (*qv_trace_statfs_fn)(const char *path, struct statfs *buf) = statfs;
 
-namespace {
+namespace
+{
 
 constexpr int kBudget = QV_TRACE_LINE_BUF - 1;
 constexpr char kRotating[] = "Rotating trace files\n";
@@ -128,9 +129,9 @@ char *trace_msg(trace_file_t *traceptr, char *trace_buffer, int *msg_len, const 
     const char *prog = qv_daemon_get_progname();
 
     // The prefix is cut short of the budget so that a newline always fits.
-    int n = snprintf(trace_buffer, kBudget - 1, "%.15s.%06d %s [%s]  ", when + 4,
-                     static_cast<int>(ts.tv_nsec / 1000), qv_daemon_get_hostname(),
-                     prog ? prog : "");
+    int n =
+        snprintf(trace_buffer, kBudget - 1, "%.15s.%06d %s [%s]  ", when + 4,
+                 static_cast<int>(ts.tv_nsec / 1000), qv_daemon_get_hostname(), prog ? prog : "");
     n = std::clamp(n, 0, kBudget - 2);
     int m = vsnprintf(trace_buffer + n, kBudget - n, fmt, ap);
     int len = n + std::clamp(m, 0, kBudget - n - 1);
@@ -210,7 +211,8 @@ extern "C" QV_EXPORT void trace_type_disable(trace_file_t *traceptr, uint32_t tr
         traceptr->trace_mask &= ~trm_type;
 }
 
-extern "C" QV_EXPORT boolean trace_type_is_enabled(trace_file_t *traceptr, uint32_t trm_type) noexcept
+extern "C" QV_EXPORT boolean trace_type_is_enabled(trace_file_t *traceptr,
+                                                   uint32_t trm_type) noexcept
 {
     return traceptr != nullptr && (traceptr->trace_mask & trm_type) != 0;
 }

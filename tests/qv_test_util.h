@@ -14,10 +14,12 @@
 #include <string>
 #include <vector>
 
-namespace qvtest {
+namespace qvtest
+{
 
 // A fresh directory under TMPDIR, removed with everything in it.
-class TempDir {
+class TempDir
+{
   public:
     TempDir()
     {

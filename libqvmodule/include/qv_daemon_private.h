@@ -14,7 +14,8 @@ extern int qv_gian_lock_last_caller_line;
 
 /* Holds the giant lock from construction to the end of the scope, so it
  * is released on every path out of the section. */
-class QvGiantLockGuard {
+class QvGiantLockGuard
+{
   public:
     QvGiantLockGuard(const char *func, int line) noexcept : res_(qv_giant_lock(func, line)) {}
     ~QvGiantLockGuard() { qv_giant_unlock(res_); }

@@ -60,8 +60,6 @@ QV_EXPORT void qv_daemon_json_event_hndl(int flag) QV_NOEXCEPT;
 QV_EXPORT struct event_base *qv_get_global_event_base(void) QV_NOEXCEPT;
 QV_EXPORT char *qv_daemon_get_progname(void) QV_NOEXCEPT;
 QV_EXPORT char *qv_daemon_get_hostname(void) QV_NOEXCEPT;
-/* Closes and removes the pid lock file. */
-QV_EXPORT void qv_daemon_pid_close(void) QV_NOEXCEPT;
 
 /* ------------------------------------------------------------------ */
 /* Giant lock                                                          */
@@ -124,8 +122,8 @@ QV_EXPORT extern struct qvmodule_block *qvmodule_block_index;
 
 QV_EXPORT qvmodule *qvmodule_alloc(const char *name, int priority, void *trp) QV_NOEXCEPT;
 QV_EXPORT int qvmodule_create(qvmodule *tp) QV_NOEXCEPT;
-QV_EXPORT qvmodule *qvmodule_alloc_accept(const qvmodule *listen_tp, const char *name,
-                                          int priority, void *trp) QV_NOEXCEPT;
+QV_EXPORT qvmodule *qvmodule_alloc_accept(const qvmodule *listen_tp, const char *name, int priority,
+                                          void *trp) QV_NOEXCEPT;
 QV_EXPORT void qvmodule_free(qvmodule *tp) QV_NOEXCEPT;
 QV_EXPORT void qvmodule_delete(qvmodule *tp) QV_NOEXCEPT;
 QV_EXPORT void qvmodule_quit(int code) QV_NOEXCEPT __attribute__((noreturn));

@@ -48,11 +48,21 @@ static inline void qv_queue_init(void *head)
 QV_END_DECLS
 
 #ifdef __cplusplus
-namespace qv {
+namespace qv
+{
 /* Typed forms for records that begin with a pair of links. */
-template <class T> inline void insque(T *elem, T *pred) noexcept { qv_insque(elem, pred); }
-template <class T> inline void remque(T *elem) noexcept { qv_remque(elem); }
-template <class T> inline void queue_init(T *head) noexcept { qv_queue_init(head); }
+template <class T> inline void insque(T *elem, T *pred) noexcept
+{
+    qv_insque(elem, pred);
+}
+template <class T> inline void remque(T *elem) noexcept
+{
+    qv_remque(elem);
+}
+template <class T> inline void queue_init(T *head) noexcept
+{
+    qv_queue_init(head);
+}
 template <class T> inline void append(T *elem, T *head) noexcept
 {
     qv_insque(elem, reinterpret_cast<qelement *>(head)->q_back);

@@ -36,8 +36,8 @@ QV_EXPORT trace_file_t *trace_file_open(const char *file_name, uint32_t file_siz
 QV_EXPORT void trace_file_close(trace_file_t *traceptr) QV_NOEXCEPT;
 /* Writes one line to the file when do_log is true, and hands the same
  * message to syslog when syslog_level is not -1. */
-QV_EXPORT void trace_cb(trace_file_t *traceptr, boolean do_log, int syslog_level,
-                        const char *fmt, ...) QV_NOEXCEPT __attribute__((format(printf, 4, 5)));
+QV_EXPORT void trace_cb(trace_file_t *traceptr, boolean do_log, int syslog_level, const char *fmt,
+                        ...) QV_NOEXCEPT __attribute__((format(printf, 4, 5)));
 QV_EXPORT void trace_type_enable(trace_file_t *traceptr, uint32_t trm_type) QV_NOEXCEPT;
 QV_EXPORT void trace_type_disable(trace_file_t *traceptr, uint32_t trm_type) QV_NOEXCEPT;
 /* True when any bit of trm_type is set. */

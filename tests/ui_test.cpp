@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "qv_cjson.h"
 #include "qv_daemon.h"
 #include "qv_test_util.h"
 
@@ -90,6 +91,25 @@ TEST_F(UiTest, TraceSwitchesChangeOnlyTheirBit)
     EXPECT_EQ(trace_global->trace_mask, 0x8001u | QV_TRACE_LIBEVENT);
     EXPECT_EQ(jrpc_invoke_trace("mydaemon", "libevent", 0), JRPC_SUCCESS);
     EXPECT_EQ(trace_global->trace_mask, 0x8001u);
+}
+
+} // namespace
+
+namespace {
+
+TEST(CJsonFormat, AddsAFormattedStringMemberBesideOthersOfTheSameName)
+{
+    cJSON *obj = cJSON_CreateObject();
+    ASSERT_NE(cJSON_AddStringToObject_fmt(obj, "Name", "%s-%03d", "timer", 7), nullptr);
+    std::string long_text(5000, 'z');
+    ASSERT_NE(cJSON_AddStringToObject_fmt(obj, "Name", "%s", long_text.c_str()), nullptr);
+    cJSON *first = obj->child;
+    ASSERT_NE(first, nullptr);
+    EXPECT_STREQ(first->string, "Name");
+    EXPECT_STREQ(first->valuestring, "timer-007");
+    ASSERT_NE(first->next, nullptr);
+    EXPECT_EQ(std::string(first->next->valuestring), long_text);
+    cJSON_Delete(obj);
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -99,17 +100,26 @@ void limit_address_space()
         abort();
 }
 
-// Takes every byte the heap will still give, large pieces first. The
-// pieces are chained so that the compiler cannot drop the calls.
+// Takes every byte the heap will still give: large pieces first, then
+// every small size, which drains the free lists and per-thread caches too.
+// The pieces are chained so that the compiler cannot drop the calls.
 void *heap_hoard;
 
+void hoard(size_t size)
+{
+    while (void *p = malloc(size)) {
+        *static_cast<void **>(p) = heap_hoard;
+        heap_hoard = p;
+    }
+}
+
+// Nothing here may free memory once the hoarding has begun.
 void exhaust_heap()
 {
-    for (size_t size : {size_t{1} << 20, size_t{65536}, size_t{4096}, size_t{256}, size_t{16}})
-        while (void *p = malloc(size)) {
-            *static_cast<void **>(p) = heap_hoard;
-            heap_hoard = p;
-        }
+    for (size_t size : {size_t{1} << 20, size_t{65536}, size_t{4096}})
+        hoard(size);
+    for (size_t size = 1024; size >= 8; size -= 8)
+        hoard(size);
 }
 
 // ---------------------------------------------------------------------------
@@ -301,26 +311,35 @@ TEST_F(Memory, PoolCountersFollowAllocationsAndFrees)
     EXPECT_EQ(counts(tb), (PoolCounts{3, 0, 4, 4}));
 }
 
+// Small blocks are cleared piecewise and large ones by the heap: every size
+// on both sides, reusing memory just dirtied and freed, comes back zero.
 TEST_F(Memory, EveryBlockIsZeroFilledEvenWhenReusingDirtyMemory)
 {
     static const char name[] = "pool_zero";
-    block_t tb = qvmodule_block_init(200, name);
-    qvmodule_mem_cookie_t *anon = qvmodule_cookie_anon;
-    for (int round = 0; round < 3; round++) {
-        std::vector<unsigned char *> blocks, charged;
-        for (int i = 0; i < 64; i++) {
-            blocks.push_back(static_cast<unsigned char *>(qvmodule_block_alloc(tb)));
-            charged.push_back(static_cast<unsigned char *>(qvmodule_cookie_malloc(anon, 200)));
-        }
-        for (int i = 0; i < 64; i++) {
-            for (int j = 0; j < 200; j++) {
-                ASSERT_EQ(blocks[i][j], 0) << round << " " << i << " " << j;
-                ASSERT_EQ(charged[i][j], 0) << round << " " << i << " " << j;
+    std::vector<size_t> sizes;
+    for (size_t n = 1; n <= 300; n++)
+        sizes.push_back(n);
+    for (size_t n : {1015u, 1016u, 1019u, 1020u, 1021u, 1024u, 1025u, 4000u, 60000u})
+        sizes.push_back(n);
+    auto all_zero = [](const unsigned char *p, size_t n) {
+        return std::all_of(p, p + n, [](unsigned char c) { return c == 0; });
+    };
+    for (size_t n : sizes) {
+        block_t tb = qvmodule_block_init(n, name); // one name, many sizes
+        for (int round = 0; round < 3; round++) {
+            std::vector<unsigned char *> blocks, charged;
+            for (int i = 0; i < 4; i++) {
+                blocks.push_back(static_cast<unsigned char *>(qvmodule_block_alloc(tb)));
+                charged.push_back(static_cast<unsigned char *>(qvmodule_mem_malloc(nullptr, n)));
             }
-            memset(blocks[i], 0xA5, 200);
-            memset(charged[i], 0x5A, 200);
-            qvmodule_block_free(tb, blocks[i]);
-            qvmodule_cookie_free(anon, charged[i]);
+            for (int i = 0; i < 4; i++) {
+                ASSERT_TRUE(all_zero(blocks[i], n)) << "pool block of " << n << ", round " << round;
+                ASSERT_TRUE(all_zero(charged[i], n)) << "charged " << n << ", round " << round;
+                memset(blocks[i], 0xA5, n);
+                memset(charged[i], 0x5A, n);
+                qvmodule_block_free(tb, blocks[i]);
+                qvmodule_mem_free(nullptr, charged[i]);
+            }
         }
     }
 }

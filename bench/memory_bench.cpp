@@ -1,11 +1,15 @@
 // Cost of the memory accounting: charged allocations (a module's cookie and
 // the anonymous one) and block pools against calloc+free of the same sizes,
 // calloc being the heap call with the same zero-filled contract; malloc+free
-// is shown beside it. Three patterns: one allocation freed at once, batches
-// of 10,000 freed in order, and batches freed in a fixed random order.
+// is measured beside them for reference. Three patterns: one allocation
+// freed at once, batches of 10,000 freed in order, and batches freed in a
+// fixed random order.
 //
-// After the run a table gives every variant's time as a ratio to calloc+free
-// of the same pattern and size (medians of the repetitions).
+// Every benchmark alternates rounds of its variant with rounds of
+// calloc+free, so the anchor is measured in the same run and under the same
+// conditions; the reported time is the variant's, and the counters give the
+// anchor's time and the ratio. A table of the ratios (medians of the
+// repetitions) follows the run.
 
 #include <benchmark/benchmark.h>
 
@@ -14,6 +18,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <numeric>
 #include <random>
@@ -26,6 +31,7 @@ namespace
 {
 
 constexpr size_t kBatch = 10000;
+constexpr size_t kSingleRound = 1000; // pairs timed together in the single pattern
 constexpr size_t kSizes[] = {16, 64, 256};
 
 std::map<size_t, block_t> pools;
@@ -65,54 +71,80 @@ struct Pool {
     void release(void *p) const { qvmodule_block_free(tb, p); }
 };
 
-template <class A> void single(benchmark::State &state, size_t size)
-{
-    const A a(size);
-    for (auto _ : state) {
-        void *p = a.alloc();
-        benchmark::DoNotOptimize(p);
-        a.release(p);
-    }
-    state.SetItemsProcessed(state.iterations());
-}
+enum Pattern { kSingle, kInOrder, kRandom };
+const char *const kPatternNames[] = {"single", "batch_in_order", "batch_random"};
+const char *const kVariantNames[] = {"malloc", "cookie_module", "cookie_anon", "pool"};
 
-template <class A> void batch(benchmark::State &state, size_t size, bool random_order)
+// One round of a pattern; returns its duration in nanoseconds.
+template <class A> double round_ns(const A &a, Pattern pattern, std::vector<void *> &held)
 {
-    const A a(size);
-    std::vector<void *> held(kBatch);
-    for (auto _ : state) {
+    auto start = std::chrono::steady_clock::now();
+    if (pattern == kSingle) {
+        for (size_t i = 0; i < kSingleRound; i++) {
+            void *p = a.alloc();
+            benchmark::DoNotOptimize(p);
+            a.release(p);
+        }
+    } else {
         for (size_t i = 0; i < kBatch; i++) {
             held[i] = a.alloc();
             benchmark::DoNotOptimize(held[i]);
         }
-        if (random_order)
+        if (pattern == kRandom)
             for (size_t i : free_order)
                 a.release(held[i]);
         else
             for (void *p : held)
                 a.release(p);
     }
-    state.SetItemsProcessed(state.iterations() * kBatch);
+    auto end = std::chrono::steady_clock::now();
+    return std::chrono::duration<double, std::nano>(end - start).count();
 }
 
-const char *const kVariants[] = {"calloc", "malloc", "cookie_module", "cookie_anon", "pool"};
-const char *const kPatterns[] = {"single", "batch_in_order", "batch_random"};
+template <class A> void against_calloc(benchmark::State &state, Pattern pattern, size_t size)
+{
+    const A variant(size);
+    const Calloc anchor(size);
+    std::vector<void *> held(kBatch);
+    double variant_ns = 0, anchor_ns = 0;
+    bool variant_first = true;
+    for (auto _ : state) {
+        // Alternating which goes first keeps either from always running on
+        // a heap the other has just warmed.
+        double v, c;
+        if (variant_first) {
+            v = round_ns(variant, pattern, held);
+            c = round_ns(anchor, pattern, held);
+        } else {
+            c = round_ns(anchor, pattern, held);
+            v = round_ns(variant, pattern, held);
+        }
+        variant_first = !variant_first;
+        variant_ns += v;
+        anchor_ns += c;
+        state.SetIterationTime(v * 1e-9);
+    }
+    double pairs = double(state.iterations()) * (pattern == kSingle ? kSingleRound : kBatch);
+    state.SetItemsProcessed(static_cast<int64_t>(pairs));
+    state.counters["ns_per_pair"] = variant_ns / pairs;
+    state.counters["calloc_ns_per_pair"] = anchor_ns / pairs;
+    state.counters["ratio"] = anchor_ns > 0 ? variant_ns / anchor_ns : 0;
+}
 
 template <class A> void register_variant(const char *variant)
 {
-    for (size_t size : kSizes) {
-        std::string tail = std::string(variant) + "/" + std::to_string(size);
-        benchmark::RegisterBenchmark(("single/" + tail).c_str(),
-                                     [size](benchmark::State &s) { single<A>(s, size); });
-        benchmark::RegisterBenchmark(("batch_in_order/" + tail).c_str(),
-                                     [size](benchmark::State &s) { batch<A>(s, size, false); });
-        benchmark::RegisterBenchmark(("batch_random/" + tail).c_str(),
-                                     [size](benchmark::State &s) { batch<A>(s, size, true); });
-    }
+    for (int p = kSingle; p <= kRandom; p++)
+        for (size_t size : kSizes) {
+            std::string name =
+                std::string(kPatternNames[p]) + "/" + variant + "/" + std::to_string(size);
+            benchmark::RegisterBenchmark(name.c_str(), [p, size](benchmark::State &s) {
+                against_calloc<A>(s, Pattern(p), size);
+            })->UseManualTime();
+        }
 }
 
-// Keeps the time per item of every run (the median when repeated) for the
-// ratio table.
+// Keeps the ratio of every benchmark (the median when repeated) and the
+// anchor's time for the table printed after the run.
 class RatioReporter : public benchmark::ConsoleReporter
 {
   public:
@@ -122,37 +154,41 @@ class RatioReporter : public benchmark::ConsoleReporter
         for (const Run &r : runs) {
             if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median")
                 continue;
-            double items =
-                r.counters.count("items_per_second") ? r.counters.at("items_per_second").value : 0;
-            if (items > 0)
-                per_item_ns_[r.run_name.function_name] = 1e9 / items;
+            auto ratio = r.counters.find("ratio");
+            auto anchor = r.counters.find("calloc_ns_per_pair");
+            if (ratio == r.counters.end() || anchor == r.counters.end())
+                continue;
+            ratio_[r.run_name.function_name] = ratio->second.value;
+            anchor_[r.run_name.function_name] = anchor->second.value;
         }
     }
 
     void print_ratios() const
     {
-        printf("\nTime per allocation+free, and ratio to calloc+free of the same pattern and "
-               "size:\n");
-        printf("%-16s %5s %12s %8s %14s %12s %8s\n", "pattern", "size", "calloc(ns)", "malloc",
+        printf("\nTime per allocation+free as a ratio to calloc+free of the same pattern and "
+               "size, measured alternately in the same benchmark (medians):\n");
+        printf("%-16s %5s %11s %8s %14s %12s %8s\n", "pattern", "size", "calloc(ns)", "malloc",
                "cookie_module", "cookie_anon", "pool");
-        for (const char *pattern : kPatterns)
+        for (const char *pattern : kPatternNames)
             for (size_t size : kSizes) {
-                auto ns = [&](const char *variant) {
-                    auto it = per_item_ns_.find(std::string(pattern) + "/" + variant + "/" +
-                                                std::to_string(size));
-                    return it == per_item_ns_.end() ? 0.0 : it->second;
+                auto key = [&](const char *variant) {
+                    return std::string(pattern) + "/" + variant + "/" + std::to_string(size);
                 };
-                double anchor = ns("calloc");
-                if (anchor <= 0)
+                auto ratio = [&](const char *variant) {
+                    auto it = ratio_.find(key(variant));
+                    return it == ratio_.end() ? 0.0 : it->second;
+                };
+                auto anchor = anchor_.find(key("cookie_module"));
+                if (anchor == anchor_.end())
                     continue;
-                printf("%-16s %5zu %12.2f %8.3f %14.3f %12.3f %8.3f\n", pattern, size, anchor,
-                       ns("malloc") / anchor, ns("cookie_module") / anchor,
-                       ns("cookie_anon") / anchor, ns("pool") / anchor);
+                printf("%-16s %5zu %11.2f %8.3f %14.3f %12.3f %8.3f\n", pattern, size,
+                       anchor->second, ratio("malloc"), ratio("cookie_module"),
+                       ratio("cookie_anon"), ratio("pool"));
             }
     }
 
   private:
-    std::map<std::string, double> per_item_ns_;
+    std::map<std::string, double> ratio_, anchor_;
 };
 
 } // namespace
@@ -172,18 +208,17 @@ int main(int argc, char **argv)
     std::iota(free_order.begin(), free_order.end(), 0);
     std::shuffle(free_order.begin(), free_order.end(), std::mt19937(12345));
 
-    register_variant<Calloc>(kVariants[0]);
-    register_variant<Malloc>(kVariants[1]);
-    register_variant<ModuleCookie>(kVariants[2]);
-    register_variant<AnonCookie>(kVariants[3]);
-    register_variant<Pool>(kVariants[4]);
+    register_variant<Malloc>(kVariantNames[0]);
+    register_variant<ModuleCookie>(kVariantNames[1]);
+    register_variant<AnonCookie>(kVariantNames[2]);
+    register_variant<Pool>(kVariantNames[3]);
 
-    // Repeated and interleaved by default, so that a drifting machine does
-    // not favour whichever variant happens to run first.
+    // Repeated by default, so that the table shows medians, in short runs
+    // since each benchmark times its anchor as well.
     std::vector<char *> args(argv, argv + argc);
-    std::string reps = "--benchmark_repetitions=5",
-                inter = "--benchmark_enable_random_interleaving=true",
-                mint = "--benchmark_min_time=0.2", aggr = "--benchmark_report_aggregates_only=true";
+    std::string reps = "--benchmark_repetitions=5";
+    std::string aggr = "--benchmark_report_aggregates_only=true";
+    std::string mint = "--benchmark_min_time=0.2";
     auto given = [&](const char *flag) {
         for (int i = 1; i < argc; i++)
             if (strncmp(argv[i], flag, strlen(flag)) == 0)
@@ -192,8 +227,6 @@ int main(int argc, char **argv)
     };
     if (!given("--benchmark_repetitions"))
         args.push_back(reps.data());
-    if (!given("--benchmark_enable_random_interleaving"))
-        args.push_back(inter.data());
     if (!given("--benchmark_min_time"))
         args.push_back(mint.data());
     if (!given("--benchmark_report_aggregates_only"))

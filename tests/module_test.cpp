@@ -57,7 +57,7 @@ bool registry_is_sound()
 std::vector<std::string> keys_of(const cJSON *obj)
 {
     std::vector<std::string> keys;
-    for (const cJSON *c = obj->child; c; c = c->next)
+    for (const cJSON *c = obj ? obj->child : nullptr; c; c = c->next)
         keys.push_back(c->string ? c->string : "");
     return keys;
 }
@@ -67,9 +67,7 @@ std::vector<std::string> read_module_show(const cJSON *root)
 {
     std::vector<std::string> names;
     EXPECT_EQ(keys_of(root), std::vector<std::string>{"qvmodule List"});
-    if (root->child == nullptr)
-        return names;
-    for (const cJSON *m = root->child->child; m; m = m->next) {
+    for (const cJSON *m = root->child ? root->child->child : nullptr; m; m = m->next) {
         EXPECT_STREQ(m->string, "qvmodule");
         EXPECT_EQ(keys_of(m), std::vector<std::string>{"Name"});
         if (m->child && cJSON_IsString(m->child))
@@ -130,42 +128,42 @@ class Module : public ::testing::Test
 
 } // namespace
 
-// The field order is part of the API: daemons reach into the record.
-static_assert(offsetof(qvmodule, qvmodule_forw) == 0);
-static_assert(offsetof(qvmodule, qvmodule_back) == sizeof(void *));
-static_assert(offsetof(qvmodule, qvmodule_name) < offsetof(qvmodule, sock_revent));
-static_assert(offsetof(qvmodule, sock_revent) < offsetof(qvmodule, sock_wevent));
-static_assert(offsetof(qvmodule, sock_wevent) < offsetof(qvmodule, qvmodule_flags));
-static_assert(offsetof(qvmodule, qvmodule_flags) < offsetof(qvmodule, qvmodule_proto));
-static_assert(offsetof(qvmodule, qvmodule_proto) < offsetof(qvmodule, qvmodule_socket));
-static_assert(offsetof(qvmodule, qvmodule_socket) < offsetof(qvmodule, qvmodule_socket_domain));
-static_assert(offsetof(qvmodule, qvmodule_socket_domain) < offsetof(qvmodule, qvmodule_priority));
-static_assert(offsetof(qvmodule, qvmodule_priority) < offsetof(qvmodule, qvmodule_recv_method));
-static_assert(offsetof(qvmodule, qvmodule_recv_method) <
-              offsetof(qvmodule, qvmodule_accept_method));
-static_assert(offsetof(qvmodule, qvmodule_accept_method) <
-              offsetof(qvmodule, qvmodule_write_method));
-static_assert(offsetof(qvmodule, qvmodule_write_method) <
-              offsetof(qvmodule, qvmodule_connect_method));
-static_assert(offsetof(qvmodule, qvmodule_connect_method) < offsetof(qvmodule, qvmodule_addr));
-static_assert(offsetof(qvmodule, qvmodule_addr) < offsetof(qvmodule, qvmodule_data));
-static_assert(offsetof(qvmodule, qvmodule_data) < offsetof(qvmodule, qvmodule_mem_cookie));
-static_assert(offsetof(qvmodule, qvmodule_mem_cookie) < offsetof(qvmodule, qvmodule_reads));
-static_assert(offsetof(qvmodule, qvmodule_reads) < offsetof(qvmodule, qvmodule_writes));
+// The record's layout is part of the API, daemons reach into it: five
+// pointers, five 32-bit words, seven pointers, two counters, on 32-bit and
+// 64-bit targets alike.
+constexpr size_t P = sizeof(void *);
+constexpr size_t kMethods = (5 * P + 20 + P - 1) / P * P;
+#define QV_AT(field, offset) static_assert(offsetof(qvmodule, field) == (offset), #field)
+QV_AT(qvmodule_forw, 0);
+QV_AT(qvmodule_back, P);
+QV_AT(qvmodule_name, 2 * P);
+QV_AT(sock_revent, 3 * P);
+QV_AT(sock_wevent, 4 * P);
+QV_AT(qvmodule_flags, 5 * P);
+QV_AT(qvmodule_proto, 5 * P + 4);
+QV_AT(qvmodule_socket, 5 * P + 8);
+QV_AT(qvmodule_socket_domain, 5 * P + 12);
+QV_AT(qvmodule_priority, 5 * P + 16);
+QV_AT(qvmodule_recv_method, kMethods);
+QV_AT(qvmodule_accept_method, kMethods + P);
+QV_AT(qvmodule_write_method, kMethods + 2 * P);
+QV_AT(qvmodule_connect_method, kMethods + 3 * P);
+QV_AT(qvmodule_addr, kMethods + 4 * P);
+QV_AT(qvmodule_data, kMethods + 5 * P);
+QV_AT(qvmodule_mem_cookie, kMethods + 6 * P);
+QV_AT(qvmodule_reads, kMethods + 7 * P);
+QV_AT(qvmodule_writes, kMethods + 7 * P + 4);
+static_assert(P != 4 || sizeof(qvmodule) == 76);
 static_assert(QVMODULE_FLAG_ACCEPT == 0x1 && QVMODULE_FLAG_CONNECT == 0x2 &&
               QVMODULE_FLAG_NO_DELETE == 0x4 && QVMODULE_FLAG_READ_DISABLED == 0x20 &&
               QVMODULE_FLAG_WRITE_DISABLED == 0x40);
 
-TEST_F(Module, HeadIsAnEmptyNamedListAndThePoolIsSizedForARecord)
+TEST_F(Module, ModulesAreListedInCreationOrderOnlyOnceCreated)
 {
     EXPECT_STREQ(qvmodule_head.qvmodule_name, "qvmodule head");
     EXPECT_STREQ(qvmodule_block_index->tb_name, "qvmodule");
     EXPECT_EQ(qvmodule_block_index->tb_size, sizeof(qvmodule));
-    EXPECT_TRUE(registry_is_sound());
-}
 
-TEST_F(Module, ModulesAreListedInCreationOrderOnlyOnceCreated)
-{
     static const char alpha[] = "alpha", beta[] = "beta", gamma[] = "gamma";
     qvmodule *a = qvmodule_alloc(alpha, 7, this);
     qvmodule *b = qvmodule_alloc(beta, 0, nullptr);
@@ -425,130 +423,99 @@ TEST_F(Module, QuitCalledTwiceIsFatal)
 namespace
 {
 
-int fail(const char *what)
-{
-    fprintf(stderr, "fresh daemon: %s\n", what);
-    return 1;
-}
-
-const char kAppModuleName[] = "appmod";
-
 void app_module_init()
 {
-    qvmodule *tp = qvmodule_alloc(kAppModuleName, 0, nullptr);
+    qvmodule *tp = qvmodule_alloc("appmod", 0, nullptr);
     qvmodule_create(tp);
     qvmodule_mem_strdup(tp, "hello"); // 6 bytes
 }
 
-struct ShownEntry {
-    std::string name;
-    std::vector<double> numbers;
-};
-
-std::vector<ShownEntry> read_list(const cJSON *list, const char *key)
+std::string text(const char *s)
 {
-    std::vector<ShownEntry> out;
+    return s ? s : "(null)";
+}
+
+// Name and numbers of each entry of a list whose members are all `key`.
+std::vector<std::pair<std::string, std::vector<double>>> read_list(const cJSON *list,
+                                                                   const char *key)
+{
+    std::vector<std::pair<std::string, std::vector<double>>> out;
     for (const cJSON *e = list ? list->child : nullptr; e; e = e->next) {
-        if (strcmp(e->string, key) != 0 || e->child == nullptr || !cJSON_IsString(e->child))
-            return {};
-        ShownEntry s{e->child->valuestring, {}};
-        for (const cJSON *n = e->child->next; n; n = n->next)
-            s.numbers.push_back(n->valuedouble);
-        out.push_back(s);
+        EXPECT_STREQ(e->string, key);
+        std::vector<double> numbers;
+        for (const cJSON *n = e->child ? e->child->next : nullptr; n; n = n->next)
+            numbers.push_back(n->valuedouble);
+        out.emplace_back(e->child ? text(e->child->valuestring) : "", numbers);
     }
     return out;
 }
 
-int check_fresh_daemon(const std::string &dir)
+void check_fresh_daemon(const std::string &dir)
 {
     static std::string log = dir + "/freshd.log", pid = dir + "/freshd.pid";
     static struct app_module mods[] = {{1, "app", app_module_init, nullptr}};
     static qv_daemon_app_ctx_t ctx{};
     ctx.log_file_name = log.data();
     ctx.pid_filename = pid.data();
-    ctx.app_modules.count = 1;
-    ctx.app_modules.primary = mods;
+    ctx.app_modules = {1, mods};
     char arg0[] = "/usr/sbin/freshd";
     char *argv[] = {arg0, nullptr};
     qv_daemon_init(1, argv, &ctx);
 
     size_t first = jrpc_registry_count();
     qv_ui_init("freshd");
-    struct Row {
-        jrpc_reg_kind_t kind;
-        const char *name, *help, *keyword;
-        int on;
-        jrpc_method_handler_t handler;
-    };
-    const Row rows[] = {
-        {JRPC_REG_SHOW, "memory_usage", "daemon memory usage", "memory", 0, qvmodule_memory_show},
-        {JRPC_REG_SHOW, "module_usage", "modules", "module", 0, qvmodule_module_show},
-        {JRPC_REG_TRACE, nullptr, nullptr, "module", 1, qvmodule_module_trace_on},
-        {JRPC_REG_TRACE, nullptr, nullptr, "module", 0, qvmodule_module_trace_off},
-        {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
-    };
-    auto same = [](const char *a, const char *b) {
-        return a == b || (a && b && strcmp(a, b) == 0);
+    const jrpc_registration_t rows[] = {
+        {JRPC_REG_SHOW, "freshd", "memory_usage", "daemon memory usage", "memory", 0,
+         qvmodule_memory_show},
+        {JRPC_REG_SHOW, "freshd", "module_usage", "modules", "module", 0, qvmodule_module_show},
+        {JRPC_REG_TRACE, "freshd", nullptr, nullptr, "module", 1, qvmodule_module_trace_on},
+        {JRPC_REG_TRACE, "freshd", nullptr, nullptr, "module", 0, qvmodule_module_trace_off},
+        {JRPC_REG_SHOW, "freshd", "libevent", "libevent", "libevent", 0, qv_libevent_show},
     };
     for (size_t i = 0; i < 5; i++) {
-        const jrpc_registration_t *r = jrpc_registry_get(first + i);
-        const Row &w = rows[i];
-        if (r == nullptr || r->kind != w.kind || !same(r->app, "freshd") ||
-            !same(r->name, w.name) || !same(r->help, w.help) || !same(r->keyword, w.keyword) ||
-            (w.kind == JRPC_REG_TRACE && r->on != w.on) || r->handler != w.handler)
-            return fail("registration table");
+        const jrpc_registration_t *r = jrpc_registry_get(first + i), &w = rows[i];
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(r->kind, w.kind) << i;
+        EXPECT_EQ(text(r->app) + text(r->name) + text(r->help) + text(r->keyword),
+                  text(w.app) + text(w.name) + text(w.help) + text(w.keyword));
+        EXPECT_TRUE(w.kind == JRPC_REG_SHOW || r->on == w.on) << i;
+        EXPECT_EQ(r->handler, w.handler) << i;
     }
 
-    cJSON *mods_shown = nullptr;
-    if (jrpc_invoke_show("freshd", "module", &mods_shown) != JRPC_SUCCESS)
-        return fail("module show");
-    std::vector<std::string> names = read_module_show(mods_shown);
-    cJSON_Delete(mods_shown);
-    if (names != std::vector<std::string>{"appmod"})
-        return fail("module list");
+    cJSON *shown = nullptr;
+    ASSERT_EQ(jrpc_invoke_show("freshd", "module", &shown), JRPC_SUCCESS);
+    EXPECT_EQ(read_module_show(shown), std::vector<std::string>{"appmod"});
+    cJSON_Delete(shown);
 
-    cJSON *mem = nullptr;
-    if (jrpc_invoke_show("freshd", "memory", &mem) != JRPC_SUCCESS)
-        return fail("memory show");
-    if (keys_of(mem) != std::vector<std::string>{"Block List", "Mem Cookie List"})
-        return fail("memory show members");
-    std::vector<ShownEntry> blocks = read_list(cJSON_GetObjectItem(mem, "Block List"), "Block");
-    std::vector<ShownEntry> cookies =
-        read_list(cJSON_GetObjectItem(mem, "Mem Cookie List"), "Cookie");
-    cJSON_Delete(mem);
+    ASSERT_EQ(jrpc_invoke_show("freshd", "memory", &shown), JRPC_SUCCESS);
+    EXPECT_EQ(keys_of(shown), (std::vector<std::string>{"Block List", "Mem Cookie List"}));
+    auto blocks = read_list(cJSON_GetObjectItem(shown, "Block List"), "Block");
+    auto cookies = read_list(cJSON_GetObjectItem(shown, "Mem Cookie List"), "Cookie");
+    cJSON_Delete(shown);
 
-    // The pools of start-up, in ascending size, with what start-up took
-    // from them; pools of other subsystems hold nothing yet.
-    std::vector<ShownEntry> expect_pools = {
-        {"qvmodule_block", {double(sizeof(qvmodule_block_t)), 0, 0, 0, 0}},
+    // Start-up's pools, in ascending size, with what start-up took from
+    // them; the pool of pool records holds one record per other pool. Pools
+    // of other subsystems stand among them and hold nothing yet.
+    double others = double(blocks.size() - 1);
+    const std::vector<std::pair<std::string, std::vector<double>>> expect = {
+        {"qvmodule_block", {double(sizeof(qvmodule_block_t)), others, others, others, 0}},
         {"qvmodule_mem_cookies", {double(sizeof(qvmodule_mem_cookie_t)), 2, 2, 2, 0}},
         {"qvmodule", {double(sizeof(qvmodule)), 1, 1, 1, 0}},
     };
-    size_t next = 0, pools = blocks.size();
+    size_t next = 0;
     double prev_size = 0;
-    for (ShownEntry &b : blocks) {
-        if (b.numbers.size() != 5 || b.numbers[0] < prev_size)
-            return fail("pool entry or order");
-        prev_size = b.numbers[0];
-        if (next < expect_pools.size() && b.name == expect_pools[next].name) {
-            if (next == 0) // the pool of pool records holds one per other pool
-                expect_pools[0].numbers = {double(sizeof(qvmodule_block_t)), double(pools - 1),
-                                           double(pools - 1), double(pools - 1), 0};
-            if (b.numbers != expect_pools[next].numbers)
-                return fail(("pool counters of " + b.name).c_str());
-            next++;
-        } else if (b.numbers[1] != 0) {
-            return fail(("unexpected use of pool " + b.name).c_str());
-        }
+    for (const auto &[name, numbers] : blocks) {
+        ASSERT_EQ(numbers.size(), 5u) << name;
+        EXPECT_GE(numbers[0], prev_size) << name;
+        prev_size = numbers[0];
+        if (next < expect.size() && name == expect[next].first)
+            EXPECT_EQ(numbers, expect[next++].second) << name;
+        else
+            EXPECT_EQ(numbers[1], 0) << name;
     }
-    if (next != expect_pools.size())
-        return fail("missing pools");
-
-    if (cookies.size() != 2 || cookies[0].name != "appmod" ||
-        cookies[0].numbers != std::vector<double>{6, 6, 1, 1, 1} ||
-        cookies[1].name != "--Anonymous--" || cookies[1].numbers != std::vector<double>(5, 0))
-        return fail("cookie list");
-    return 0;
+    EXPECT_EQ(next, expect.size()) << "missing or misplaced start-up pools";
+    EXPECT_EQ(cookies, (std::vector<std::pair<std::string, std::vector<double>>>{
+                           {"appmod", {6, 6, 1, 1, 1}}, {"--Anonymous--", {0, 0, 0, 0, 0}}}));
 }
 
 } // namespace
@@ -556,9 +523,12 @@ int check_fresh_daemon(const std::string &dir)
 TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
 {
     qvtest::TempDir dir;
-    int status = qvtest::run_in_child([&dir] { return check_fresh_daemon(dir.path()); });
+    int status = qvtest::run_in_child([&dir] {
+        check_fresh_daemon(dir.path());
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
     ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the child's failures are printed above";
     std::string trace = qvtest::read_file(dir.file("freshd.log"));
     EXPECT_NE(trace.find("Daemon(freshd) starting"), std::string::npos);
 }

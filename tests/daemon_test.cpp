@@ -1,0 +1,326 @@
+// Daemon start-up, the main loop and the libevent hooks, each run in a
+// child process since start-up happens once per process.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <stdarg.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "qv_daemon_private.h"
+#include "qv_test_util.h"
+
+using qvtest::read_file;
+using qvtest::read_lines;
+using qvtest::TempDir;
+
+// Syslog messages of the process under test go to the file named by
+// QV_TEST_SYSLOG, one "priority|message" per line, so tests can read what
+// an operator's syslog would show.
+extern "C" void vsyslog(int priority, const char *fmt, va_list ap)
+{
+    const char *out = getenv("QV_TEST_SYSLOG");
+    if (out == nullptr)
+        return;
+    char msg[4096];
+    vsnprintf(msg, sizeof(msg), fmt, ap);
+    FILE *f = fopen(out, "a");
+    if (f == nullptr)
+        return;
+    fprintf(f, "%d|%s\n", priority, msg);
+    fclose(f);
+}
+
+namespace
+{
+
+struct Daemon {
+    TempDir dir;
+    qv_daemon_app_ctx_t ctx{};
+    std::string trace = dir.file("d.log");
+    std::string syslog = dir.file("syslog");
+
+    Daemon() { ctx.log_file_name = trace.data(); }
+
+    // Starts the daemon in a child under the program name argv0, runs
+    // `after` there and returns the child's wait status.
+    int run(
+        const char *argv0, const std::function<int()> &after = [] { return 0; })
+    {
+        return qvtest::run_in_child([&] {
+            setenv("QV_TEST_SYSLOG", syslog.c_str(), 1);
+            std::string a0 = argv0;
+            char *argv[] = {a0.data(), const_cast<char *>("--flag"), nullptr};
+            qv_daemon_init(2, argv, &ctx);
+            return after();
+        });
+    }
+};
+
+int exit_code(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(DaemonStartup, RecordsNamesDefaultsAndFirstLine)
+{
+    Daemon d;
+    d.ctx.log_file_count = 1;
+    int st = d.run("/usr/sbin/mydaemon", [&] {
+        char cwd[256];
+        bool ok = strcmp(progname, "mydaemon") == 0 && qv_daemon_get_progname() == progname &&
+                  qv_daemon_get_hostname() == hostname && hostname[0] != '\0' &&
+                  daemon_pid == getpid() && daemon_app_ctx == &d.ctx &&
+                  d.ctx.log_file_size == 5000000 && d.ctx.log_file_count == 1 &&
+                  g_event_base != nullptr && qv_get_global_event_base() == g_event_base &&
+                  trace_global != nullptr && getcwd(cwd, sizeof(cwd)) &&
+                  strcmp(cwd, "/var/tmp") == 0 && umask(0) == 022;
+        return ok ? 0 : 1;
+    });
+    EXPECT_EQ(exit_code(st), 0);
+    auto lines = read_lines(d.trace);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(" [mydaemon]  qv_daemon_init: Daemon(mydaemon) starting"),
+              std::string::npos)
+        << lines[0];
+    EXPECT_EQ(read_file(d.syslog), "6|qv_daemon_init: Daemon(mydaemon) starting\n");
+}
+
+TEST(DaemonStartup, ProgramNameIsTheLastPathComponent)
+{
+    for (auto [argv0, want] : {std::pair{"mydaemon", "mydaemon"}, std::pair{"/opt/x/", ""}}) {
+        Daemon d;
+        int st = d.run(argv0, [&] { return strcmp(progname, want) == 0 ? 0 : 1; });
+        EXPECT_EQ(exit_code(st), 0) << argv0;
+    }
+}
+
+// The default trace path lives under /var/log: the child gets a private
+// tmpfs there so the real one is never touched.
+TEST(DaemonStartup, DefaultTracePathAndSizes)
+{
+    Daemon d;
+    d.ctx.log_file_name = nullptr;
+    int st = qvtest::run_in_child([&] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
+            mount("tmpfs", "/var/log", "tmpfs", 0, nullptr) != 0)
+            return 77;
+        char a0[] = "mydaemon";
+        char *argv[] = {a0, nullptr};
+        qv_daemon_init(1, argv, &d.ctx);
+        bool ok = strcmp(d.ctx.log_file_name, "/var/log/mydaemon.log") == 0 &&
+                  d.ctx.log_file_size == 5000000 && d.ctx.log_file_count == 5 &&
+                  read_file("/var/log/mydaemon.log").find("Daemon(mydaemon) starting") !=
+                      std::string::npos;
+        return ok ? 0 : 1;
+    });
+    if (exit_code(st) == 77)
+        GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(exit_code(st), 0);
+}
+
+TEST(DaemonStartup, RefusesTraceFilesItCannotOpen)
+{
+    Daemon d;
+    std::string bad = d.dir.file("no/such/dir.log");
+    d.ctx.log_file_name = bad.data();
+    EXPECT_EQ(exit_code(d.run("mydaemon", [] { return 3; })), 0);
+    EXPECT_EQ(read_file(d.syslog), "3|Unable to open trace_file:" + bad + "\n");
+
+    // A program name that would overflow the default path's buffer.
+    Daemon l;
+    l.ctx.log_file_name = nullptr;
+    std::string name(300, 'n');
+    EXPECT_EQ(exit_code(l.run(name.c_str(), [] { return 3; })), 0);
+    EXPECT_EQ(read_file(l.syslog), "3|Unable to open trace_file:/var/log/" + name + ".log\n");
+}
+
+std::vector<std::string> calls;
+void a_var()
+{
+    calls.push_back("A.var_init");
+}
+void b_var()
+{
+    calls.push_back("B.var_init");
+}
+void a_init()
+{
+    calls.push_back("A.init");
+}
+void b_init()
+{
+    calls.push_back("B.init");
+}
+void c_init()
+{
+    calls.push_back("C.init");
+}
+int parsed_argc;
+bool parsed_before_base;
+void parse(int argc, char **argv)
+{
+    parsed_argc = argc;
+    parsed_before_base =
+        g_event_base == nullptr && trace_global != nullptr && strcmp(argv[1], "--flag") == 0;
+}
+
+TEST(DaemonStartup, RunsParserThenVariableInitialisersThenInitialisers)
+{
+    Daemon d;
+    struct app_module mods[] = {
+        {1, "A", a_init, a_var}, {2, "B", b_init, b_var}, {3, "C", c_init, nullptr}};
+    d.ctx.app_modules.count = 3;
+    d.ctx.app_modules.primary = mods;
+    d.ctx.args_parser_fn = parse;
+    int st = d.run("mydaemon", [] {
+        std::vector<std::string> want = {"A.var_init", "B.var_init", "A.init", "B.init", "C.init"};
+        return calls == want && parsed_argc == 2 && parsed_before_base ? 0 : 1;
+    });
+    EXPECT_EQ(exit_code(st), 0);
+
+    // A null table runs nothing, whatever the count says.
+    Daemon n;
+    n.ctx.app_modules.count = 3;
+    EXPECT_EQ(exit_code(n.run("mydaemon", [] { return calls.empty() ? 0 : 1; })), 0);
+}
+
+void reenter(evutil_socket_t, short, void *)
+{
+    // A nested loop on the same base makes libevent log a warning.
+    event_base_loop(g_event_base, EVLOOP_NONBLOCK);
+}
+
+TEST(DaemonStartup, LibeventHooksWriteOnlyWhileTheirBitIsSet)
+{
+    Daemon d;
+    int st = d.run("mydaemon", [] {
+        struct event *ev = event_new(g_event_base, -1, 0, reenter, nullptr);
+        event_active(ev, EV_TIMEOUT, 0);
+        qv_daemon_json_event_hndl(EVLOOP_NONBLOCK);
+        qv_libevent_fatal_fn(7);
+
+        qv_ui_init("mydaemon");
+        jrpc_invoke_trace("mydaemon", "libevent", 1);
+        event_active(ev, EV_TIMEOUT, 0);
+        qv_daemon_loop();
+        qv_libevent_fatal_fn(9);
+        jrpc_invoke_trace("mydaemon", "libevent", 0);
+        qv_libevent_fatal_fn(11);
+        event_free(ev);
+        return 0;
+    });
+    EXPECT_EQ(exit_code(st), 0);
+    auto lines = read_lines(d.trace);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_NE(lines[1].find("]  libevent severity:2 event_base_loop: reentrant invocation"),
+              std::string::npos)
+        << lines[1];
+    EXPECT_NE(lines[2].find("]  LIBEVENT FATAL ERROR: 9"), std::string::npos) << lines[2];
+    // The hooks write to the trace file only.
+    EXPECT_EQ(read_lines(d.syslog).size(), 1u);
+}
+
+// A real daemon: its timer fires from the loop, traces, and the loop ends.
+void tick(evutil_socket_t, short, void *arg)
+{
+    trace_cb(trace_global, TRUE, -1, "tick %d", ++*static_cast<int *>(arg));
+}
+
+TEST(DaemonStartup, LoopDispatchesUntilNoEventIsLeft)
+{
+    Daemon d;
+    int st = d.run("mydaemon", [] {
+        int ticks = 0;
+        struct timeval tv = {0, 1000};
+        struct event *ev = event_new(g_event_base, -1, 0, tick, &ticks);
+        event_add(ev, &tv);
+        qv_daemon_loop();
+        event_free(ev);
+        return ticks == 1 ? 0 : 1;
+    });
+    EXPECT_EQ(exit_code(st), 0);
+    auto lines = read_lines(d.trace);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[1].find("]  tick 1"), std::string::npos);
+}
+
+// Giant lock: a recording, re-entrant lock function.
+struct LockCall {
+    int lock, res;
+};
+std::vector<LockCall> lock_calls;
+int depth;
+int next_result;
+
+int recording_lock(int lock, int res)
+{
+    lock_calls.push_back({lock, res});
+    if (lock) {
+        depth++;
+        return next_result == -1 ? -1 : depth * 10;
+    }
+    depth--;
+    return 0;
+}
+
+class GiantLockTest : public ::testing::Test
+{
+  protected:
+    void TearDown() override
+    {
+        qv_giant_lock_func_init(nullptr);
+        lock_calls.clear();
+        depth = 0;
+        next_result = 0;
+    }
+};
+
+TEST_F(GiantLockTest, WithoutAFunctionNothingIsCalled)
+{
+    EXPECT_EQ(qv_giant_lock("f", 1), -1);
+    qv_giant_unlock(-1);
+    EXPECT_TRUE(lock_calls.empty());
+}
+
+TEST_F(GiantLockTest, NestedSectionsSeeTheirOwnResults)
+{
+    qv_giant_lock_func_init(recording_lock);
+    {
+        QV_GIANT_LOCK_SCOPE();
+        QvGiantLockGuard inner("inner", __LINE__);
+    }
+    ASSERT_EQ(lock_calls.size(), 4u);
+    EXPECT_EQ(lock_calls[0].lock, 1);
+    EXPECT_EQ(lock_calls[0].res, 0);
+    EXPECT_EQ(lock_calls[1].lock, 1);
+    EXPECT_EQ(lock_calls[1].res, 0);
+    EXPECT_EQ(lock_calls[2].lock, 0);
+    EXPECT_EQ(lock_calls[2].res, 20); // the inner lock's result, released first
+    EXPECT_EQ(lock_calls[3].lock, 0);
+    EXPECT_EQ(lock_calls[3].res, 10);
+    EXPECT_EQ(depth, 0);
+}
+
+TEST_F(GiantLockTest, RemembersTheLastCallerRefused)
+{
+    qv_giant_lock_func_init(recording_lock);
+    next_result = -1;
+    int r = qv_giant_lock("refused_here", 42);
+    EXPECT_EQ(r, -1);
+    EXPECT_STREQ(qv_gian_lock_last_caller, "refused_here");
+    EXPECT_EQ(qv_gian_lock_last_caller_line, 42);
+    qv_giant_unlock(r);
+    EXPECT_STREQ(qv_gian_lock_last_caller, "refused_here");
+    qv_giant_unlock(0);
+    EXPECT_EQ(qv_gian_lock_last_caller, nullptr);
+    EXPECT_EQ(qv_gian_lock_last_caller_line, 42);
+}
+
+} // namespace

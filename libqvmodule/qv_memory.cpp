@@ -1,0 +1,307 @@
+// Named block pools and per-module memory cookies.
+//
+// A pool is an accounting unit, not a cache: every block is a fresh heap
+// block and goes straight back to the heap when freed. The pool list stays
+// in ascending block size, equal sizes in creation order. Every charged
+// allocation starts with a 4-byte header holding its requested size, so a
+// free is charged without the caller giving the size. Counters have a
+// floor at zero; high-water marks never fall.
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "qv_assert.h"
+#include "qv_daemon_private.h"
+#include "qv_memory_private.h"
+
+extern "C" {
+QV_EXPORT qvmodule_block_t qvmodule_block_names;
+QV_EXPORT qvmodule_block_t *qvmodule_block_list = nullptr;
+QV_EXPORT qvmodule_mem_cookie_t *qvmodule_cookies = nullptr;
+}
+
+block_t qvmodule_cookie_block = nullptr;
+qvmodule_mem_cookie_t *qvmodule_cookie_anon = nullptr;
+
+namespace
+{
+
+const char kAnonymousName[] = "--Anonymous--";
+
+// The largest request whose size and header still fit the 32-bit header.
+constexpr size_t kMaxRequest = UINT32_MAX - QV_MEM_HEADER_SIZE;
+
+inline uint32_t *header_of(void *ptr)
+{
+    return reinterpret_cast<uint32_t *>(static_cast<char *>(ptr) - QV_MEM_HEADER_SIZE);
+}
+
+} // namespace
+
+/* ---------------------------------------------------------------- */
+/* Block pools                                                      */
+
+extern "C" QV_EXPORT block_t qvmodule_block_init(size_t size, const char *name) noexcept
+{
+    // A wider size would be cut by the 16-bit field and hand out short blocks.
+    QV_ASSERT(size <= UINT16_MAX);
+
+    qvmodule_block_t *prev = nullptr;
+    for (qvmodule_block_t *tb = qvmodule_block_list; tb && tb->tb_size <= size; tb = tb->tb_next) {
+        if (tb->tb_size == size && tb->tb_name == name)
+            QV_ASSERT(0);
+        prev = tb;
+    }
+
+    auto *tb = QV_RECORD_ALLOC(qvmodule_block_t, &qvmodule_block_names);
+    if (prev) {
+        tb->tb_next = prev->tb_next;
+        prev->tb_next = tb;
+    } else {
+        tb->tb_next = qvmodule_block_list;
+        qvmodule_block_list = tb;
+    }
+    tb->tb_name = name;
+    tb->tb_size = static_cast<uint16_t>(size);
+    return tb;
+}
+
+extern "C" QV_EXPORT void_t qvmodule_block_alloc(block_t tb) noexcept
+{
+    void_t mem = calloc(1, tb->tb_size);
+    if (mem == nullptr)
+        return nullptr;
+    tb->tb_n_alloc++;
+    tb->tb_n_alloc_requests++;
+    if (tb->tb_n_alloc > tb->tb_max_alloc)
+        tb->tb_max_alloc = tb->tb_n_alloc;
+    return mem;
+}
+
+extern "C" QV_EXPORT void qvmodule_block_free(block_t tb, void_t mem) noexcept
+{
+    tb->tb_n_alloc--;
+    tb->tb_n_free_requests++;
+    free(mem);
+}
+
+void_t qvmodule_record_alloc(block_t tb, const char *file, const char *func) noexcept
+{
+    void_t mem = qvmodule_block_alloc(tb);
+    if (mem == nullptr)
+        qv_assert_fail("qvmodule_block_alloc(tb)", file, func);
+    return mem;
+}
+
+/* ---------------------------------------------------------------- */
+/* Cookies                                                          */
+
+qvmodule_mem_cookie_t *qvmodule_mem_cookie_alloc(const char *name, qvmodule *tp) noexcept
+{
+    auto *tmc = QV_RECORD_ALLOC(qvmodule_mem_cookie_t, qvmodule_cookie_block);
+    tmc->tmc_name = name;
+    tmc->tmc_qvmodule = tp;
+    tmc->tmc_next = qvmodule_cookies;
+    qvmodule_cookies = tmc;
+    return tmc;
+}
+
+qvmodule_mem_cookie_t *qvmodule_cookie_from_qvmodule(qvmodule *tp) noexcept
+{
+    if (tp == nullptr)
+        return qvmodule_cookie_anon;
+    if (tp->qvmodule_mem_cookie == nullptr)
+        tp->qvmodule_mem_cookie = qvmodule_mem_cookie_alloc(tp->qvmodule_name, tp);
+    return tp->qvmodule_mem_cookie;
+}
+
+void qvmodule_cookie_inc_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes,
+                               uint32_t n_alloc) noexcept
+{
+    tmc->tmc_n_bytes += n_bytes;
+    if (tmc->tmc_n_bytes > tmc->tmc_max_bytes)
+        tmc->tmc_max_bytes = tmc->tmc_n_bytes;
+    if (n_alloc) {
+        tmc->tmc_n_alloc += n_alloc;
+        if (tmc->tmc_n_alloc > tmc->tmc_max_alloc)
+            tmc->tmc_max_alloc = tmc->tmc_n_alloc;
+    }
+}
+
+void qvmodule_cookie_dec_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes,
+                               uint32_t n_frees) noexcept
+{
+    tmc->tmc_n_bytes -= std::min(tmc->tmc_n_bytes, n_bytes);
+    tmc->tmc_n_alloc -= std::min(tmc->tmc_n_alloc, n_frees);
+}
+
+void_t qvmodule_cookie_malloc(qvmodule_mem_cookie_t *tmc, size_t size) noexcept
+{
+    // Sizes the header cannot hold are refused like an exhausted heap.
+    if (size == 0 || size > kMaxRequest)
+        return nullptr;
+    auto *hdr = static_cast<uint32_t *>(calloc(1, size + QV_MEM_HEADER_SIZE));
+    if (hdr == nullptr)
+        return nullptr;
+    {
+        QV_GIANT_LOCK_SCOPE();
+        qvmodule_cookie_inc_stats(tmc, static_cast<uint32_t>(size), 1);
+        tmc->tmc_n_func_calls++;
+        *hdr = static_cast<uint32_t>(size);
+    }
+    return hdr + 1;
+}
+
+char *qvmodule_cookie_strdup(qvmodule_mem_cookie_t *tmc, const char *str) noexcept
+{
+    if (str == nullptr) {
+        if (tmc)
+            tmc->tmc_n_func_calls++;
+        return nullptr;
+    }
+    size_t len = strlen(str) + 1;
+    auto *copy = static_cast<char *>(qvmodule_cookie_malloc(tmc, len));
+    if (copy)
+        memcpy(copy, str, len);
+    return copy;
+}
+
+void qvmodule_cookie_free(qvmodule_mem_cookie_t *tmc, void *ptr) noexcept
+{
+    if (ptr == nullptr)
+        return;
+    uint32_t *hdr = header_of(ptr);
+    uint32_t size = *hdr;
+    free(hdr);
+    QV_GIANT_LOCK_SCOPE();
+    qvmodule_cookie_dec_stats(tmc, size, 1);
+    tmc->tmc_n_func_calls++;
+}
+
+void_t qvmodule_cookie_realloc(qvmodule_mem_cookie_t *tmc, void *ptr, size_t size) noexcept
+{
+    if (size == 0) {
+        qvmodule_cookie_free(tmc, ptr);
+        return nullptr;
+    }
+    if (ptr == nullptr)
+        return qvmodule_cookie_malloc(tmc, size);
+
+    // Another thread must not see the new block charged and the old one
+    // not yet freed, so the whole move is one section.
+    QV_GIANT_LOCK_SCOPE();
+    void_t moved = qvmodule_cookie_malloc(tmc, size);
+    if (moved == nullptr)
+        return nullptr;
+    memcpy(moved, ptr, std::min<size_t>(*header_of(ptr), size));
+    qvmodule_cookie_free(tmc, ptr);
+    return moved;
+}
+
+/* ---------------------------------------------------------------- */
+/* Public memory functions                                          */
+
+extern "C" QV_EXPORT void_t qvmodule_mem_malloc(qvmodule *tp, size_t size) noexcept
+{
+    return qvmodule_cookie_malloc(qvmodule_cookie_from_qvmodule(tp), size);
+}
+
+extern "C" QV_EXPORT char *qvmodule_mem_strdup(qvmodule *tp, const char *str) noexcept
+{
+    return qvmodule_cookie_strdup(qvmodule_cookie_from_qvmodule(tp), str);
+}
+
+extern "C" QV_EXPORT void_t qvmodule_mem_realloc(qvmodule *tp, void *p, size_t size) noexcept
+{
+    return qvmodule_cookie_realloc(qvmodule_cookie_from_qvmodule(tp), p, size);
+}
+
+extern "C" QV_EXPORT void qvmodule_mem_free(qvmodule *tp, void *p) noexcept
+{
+    if (p)
+        qvmodule_cookie_free(qvmodule_cookie_from_qvmodule(tp), p);
+}
+
+extern "C" QV_EXPORT void qvmodule_mem_cookie_free(qvmodule *tp) noexcept
+{
+    if (tp == nullptr || tp->qvmodule_mem_cookie == nullptr)
+        return;
+    qvmodule_mem_cookie_t *tmc = tp->qvmodule_mem_cookie;
+    qvmodule_mem_cookie_t **link = &qvmodule_cookies;
+    while (*link && *link != tmc)
+        link = &(*link)->tmc_next;
+    QV_ASSERT_TEXT(*link, "tmc_next");
+    *link = tmc->tmc_next;
+    qvmodule_block_free(qvmodule_cookie_block, tmc);
+    tp->qvmodule_mem_cookie = nullptr;
+}
+
+extern "C" QV_EXPORT uint32_t qvmodule_get_actual_alloc_size(void *ptr) noexcept
+{
+    return *header_of(ptr);
+}
+
+/* ---------------------------------------------------------------- */
+/* Start-up and the "memory" show command                           */
+
+extern "C" QV_EXPORT void qvmodule_memory_init(void) noexcept
+{
+    qvmodule_block_names = qvmodule_block_t{};
+    qvmodule_block_names.tb_name = "qvmodule_block";
+    qvmodule_block_names.tb_size = sizeof(qvmodule_block_t);
+    qvmodule_block_list = &qvmodule_block_names;
+
+    qvmodule_cookies = nullptr;
+    qvmodule_cookie_block =
+        qvmodule_block_init(sizeof(qvmodule_mem_cookie_t), "qvmodule_mem_cookies");
+    qvmodule_cookie_anon = qvmodule_mem_cookie_alloc(kAnonymousName, nullptr);
+}
+
+namespace
+{
+
+void add_number(cJSON *obj, const char *key, uint32_t value)
+{
+    cJSON_AddItemToObject(obj, key, cJSON_CreateNumber(value));
+}
+
+void add_string(cJSON *obj, const char *key, const char *value)
+{
+    cJSON_AddItemToObject(obj, key, cJSON_CreateString(value ? value : ""));
+}
+
+} // namespace
+
+extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_memory_show(jrpc_method_ctx_handle ctx) noexcept
+{
+    cJSON *root = jrpc_ctx_get_result_jroot(ctx);
+
+    cJSON *blocks = cJSON_CreateObject();
+    cJSON_AddItemToObject(root, "Block List", blocks);
+    for (qvmodule_block_t *tb = qvmodule_block_list; tb; tb = tb->tb_next) {
+        cJSON *b = cJSON_CreateObject();
+        cJSON_AddItemToObject(blocks, "Block", b);
+        add_string(b, "Name", tb->tb_name);
+        add_number(b, "Size", tb->tb_size);
+        add_number(b, "Max Alloc", tb->tb_max_alloc);
+        add_number(b, "Cur Alloc", tb->tb_n_alloc);
+        add_number(b, "Alloc Req", tb->tb_n_alloc_requests);
+        add_number(b, "Free Req", tb->tb_n_free_requests);
+    }
+
+    cJSON *cookies = cJSON_CreateObject();
+    cJSON_AddItemToObject(root, "Mem Cookie List", cookies);
+    for (qvmodule_mem_cookie_t *tmc = qvmodule_cookies; tmc; tmc = tmc->tmc_next) {
+        cJSON *c = cJSON_CreateObject();
+        cJSON_AddItemToObject(cookies, "Cookie", c);
+        add_string(c, "Name", tmc->tmc_name);
+        add_number(c, "Max Bytes", tmc->tmc_max_bytes);
+        add_number(c, "Cur Bytes", tmc->tmc_n_bytes);
+        add_number(c, "Max Alloc", tmc->tmc_max_alloc);
+        add_number(c, "Cur Alloc", tmc->tmc_n_alloc);
+        add_number(c, "Calls", tmc->tmc_n_func_calls);
+    }
+    return JRPC_SUCCESS;
+}

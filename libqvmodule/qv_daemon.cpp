@@ -86,6 +86,7 @@ void init_subsystems()
 {
     // Memory first: every later initialiser creates block pools.
     qvmodule_memory_init();
+    qvmodule_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)
@@ -249,6 +250,9 @@ extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept
 {
     static const UiCommand commands[] = {
         {JRPC_REG_SHOW, "memory_usage", "daemon memory usage", "memory", 0, qvmodule_memory_show},
+        {JRPC_REG_SHOW, "module_usage", "modules", "module", 0, qvmodule_module_show},
+        {JRPC_REG_TRACE, nullptr, nullptr, "module", 1, qvmodule_module_trace_on},
+        {JRPC_REG_TRACE, nullptr, nullptr, "module", 0, qvmodule_module_trace_off},
         {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
         {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1, qv_libevent_trace_on},
         {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0, qv_libevent_trace_off},

@@ -87,6 +87,8 @@ void init_subsystems()
     // Memory first: every later initialiser creates block pools.
     qvmodule_memory_init();
     qvmodule_init();
+    qvmodule_timer_init();
+    qvmodule_job_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)

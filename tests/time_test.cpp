@@ -49,8 +49,8 @@ TEST(UtimeSubtract, MatchesWideArithmeticInPlaceOrNot)
     std::uniform_int_distribution<int32_t> usecs(0, 999999);
     for (int i = 0; i < 20000; i++) {
         utime_t big = ut(secs(rng), usecs(rng)), little = ut(secs(rng), usecs(rng));
-        int64_t want = (int64_t(big.ut_sec) - little.ut_sec) * 1000000 + big.ut_usec -
-                       little.ut_usec;
+        int64_t want =
+            (int64_t(big.ut_sec) - little.ut_sec) * 1000000 + big.ut_usec - little.ut_usec;
         utime_t r;
         qvmodule_utime_subtract(&r, &big, &little);
         ASSERT_GE(r.ut_usec, 0);
@@ -79,11 +79,16 @@ TEST(UtimeLonger, ComparesUnsigned)
         unsigned int interval;
         bool longer;
     } cases[] = {
-        {ut(0, 100000), 100000, true},   {ut(0, 99999), 100000, false},
-        {ut(1, 0), 1500000, false},      {ut(2, 0), 1500000, true},
-        {ut(1, 500000), 1500000, true},  {ut(1, 499999), 1500000, false},
-        {ut(0, 0), 0, true},             {ut(-1, 0), 0xffffffffu, true},
-        {ut(-1, 0), 1, true},            {ut(0, -1), 999999, true},
+        {ut(0, 100000), 100000, true},
+        {ut(0, 99999), 100000, false},
+        {ut(1, 0), 1500000, false},
+        {ut(2, 0), 1500000, true},
+        {ut(1, 500000), 1500000, true},
+        {ut(1, 499999), 1500000, false},
+        {ut(0, 0), 0, true},
+        {ut(-1, 0), 0xffffffffu, true},
+        {ut(-1, 0), 1, true},
+        {ut(0, -1), 999999, true},
         {ut(4294, 967295), 0xffffffffu, true},
         {ut(4294, 967294), 0xffffffffu, false},
     };

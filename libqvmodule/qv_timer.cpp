@@ -58,6 +58,8 @@ void utime_diff(utime_t *result, utime_t big, utime_t little)
 // of a million or more in its queue.
 struct timeval normalised(int64_t sec, int64_t usec)
 {
+    if (usec >= 0 && usec < kUsecPerSec) // the usual case, without a division
+        return {static_cast<time_t>(sec), static_cast<suseconds_t>(usec)};
     sec += usec / kUsecPerSec;
     usec %= kUsecPerSec;
     if (usec < 0) {

@@ -177,18 +177,6 @@ TEST_F(JobTest, BackgroundRunsUntilItDeletesItself)
     EXPECT_EQ(p.runs, 3);
 }
 
-TEST_F(JobTest, BackgroundIsATimeoutAddedAgainAfterEachRun)
-{
-    Probe p{"bg"};
-    qvmodule_job *jp = bg(p);
-    struct timeval expiry;
-    ASSERT_TRUE(event_pending(jp->job_event, EV_TIMEOUT, &expiry));
-    ASSERT_TRUE(run_until([&] { return p.runs == 2; }));
-    EXPECT_TRUE(event_pending(jp->job_event, EV_TIMEOUT, nullptr));
-    EXPECT_FALSE(event_pending(jp->job_event, EV_READ, nullptr));
-    qvmodule_job_delete(jp);
-}
-
 TEST_F(JobTest, SecondDeleteWhileRunningOnlyTraces)
 {
     TraceCapture trace;
@@ -207,7 +195,7 @@ TEST_F(JobTest, SecondDeleteWhileRunningOnlyTraces)
     EXPECT_EQ(std::count(msgs.begin(), msgs.end(), "qvmodule_job_delete_internal: name:twice"), 1);
 }
 
-TEST_F(JobTest, DeleteAllWhileOneOfThemRuns)
+TEST_F(JobTest, DeleteAllWhileOneOfThemRunsAndModuleDeletion)
 {
     qvmodule *other = qvmodule_alloc("other", 0, nullptr);
     qvmodule_create(other);
@@ -231,24 +219,15 @@ TEST_F(JobTest, DeleteAllWhileOneOfThemRuns)
         pass();
     EXPECT_EQ(f1.runs, 0);
     EXPECT_EQ(o2.runs, 1);
+
+    // Deleting the module takes its jobs, a foreground one not yet run too.
+    Probe o3{"o3"};
+    qvmodule_job_create_foreground(other, "o3", probe_cb, &o3);
     qvmodule_delete(other);
     EXPECT_TRUE(queued(&qvmodule_job_bg_queue).empty());
-}
-
-TEST_F(JobTest, ModuleDeletionDeletesItsJobs)
-{
-    qvmodule *m = qvmodule_alloc("doomed", 0, nullptr);
-    qvmodule_create(m);
-    Probe a{"a"}, b{"b"}, keep{"keep"};
-    qvmodule_job_create_foreground(m, "a", probe_cb, &a);
-    qvmodule_job_create_background(m, 5, "b", probe_cb, &b);
-    qvmodule_job *k = bg(keep);
-    qvmodule_delete(m);
     EXPECT_TRUE(queued(&qvmodule_job_fg_queue).empty());
-    EXPECT_EQ(queued(&qvmodule_job_bg_queue), std::vector<qvmodule_job *>{k});
     pass();
-    EXPECT_EQ(a.runs, 0);
-    qvmodule_job_delete(k);
+    EXPECT_EQ(o3.runs, 0);
 }
 
 std::vector<std::string> shown(const char *list_name, cJSON *root)

@@ -25,6 +25,9 @@ QV_EXPORT qvmodule_timer timer_head = {&timer_head, &timer_head, nullptr, "Head 
 QV_EXPORT struct qvmodule_block *qvmodule_timer_block_index = nullptr;
 }
 
+// Two 32-bit fields on every build, as on the 32-bit target.
+static_assert(sizeof(utime_t) == 8 && sizeof(((utime_t *)nullptr)->ut_sec) == 4);
+
 namespace
 {
 

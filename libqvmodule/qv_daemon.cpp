@@ -87,6 +87,8 @@ void init_subsystems()
     // Memory first: every later initialiser creates block pools.
     qvmodule_memory_init();
     qvmodule_init();
+    qvmodule_timer_init();
+    qvmodule_job_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)
@@ -256,6 +258,12 @@ extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept
         {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
         {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1, qv_libevent_trace_on},
         {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0, qv_libevent_trace_off},
+        {JRPC_REG_SHOW, "job", "job information", "job", 0, qvmodule_job_show},
+        {JRPC_REG_TRACE, nullptr, nullptr, "job", 1, qvmodule_job_trace_on},
+        {JRPC_REG_TRACE, nullptr, nullptr, "job", 0, qvmodule_job_trace_off},
+        {JRPC_REG_SHOW, "timer", "timer information", "timer", 0, qvmodule_timer_show},
+        {JRPC_REG_TRACE, nullptr, nullptr, "timer", 1, qvmodule_timer_trace_on},
+        {JRPC_REG_TRACE, nullptr, nullptr, "timer", 0, qvmodule_timer_trace_off},
     };
     for (const UiCommand &c : commands) {
         if (c.kind == JRPC_REG_SHOW)

@@ -75,6 +75,8 @@ extern "C" QV_EXPORT void qvmodule_delete(qvmodule *tp) noexcept
     trace_module(__func__, tp);
     if (tp->qvmodule_flags & QVMODULE_FLAG_NO_DELETE)
         return;
+    qvmodule_timer_delete_all(tp);
+    qvmodule_job_delete_all(tp);
     // A module that was never created has no links to undo.
     if (tp->qvmodule_forw)
         qv::remque(tp);

@@ -4,6 +4,7 @@
 #define QV_DAEMON_H
 
 #include <stdint.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <event2/event.h>
 #include <jrpc.h>
@@ -143,8 +144,178 @@ QV_EXPORT void qvmodule_init(void) QV_NOEXCEPT;
 /* ------------------------------------------------------------------ */
 /* Time values and timers                                              */
 
+/* result = big - little with at most one borrow, never clamped; result may
+ * be either operand. */
+QV_EXPORT void qvmodule_utime_subtract(utime_t *result, const utime_t *big,
+                                       const utime_t *little) QV_NOEXCEPT;
+/* The wall-clock time of day. */
+QV_EXPORT void qvmodule_get_current_utime(utime_t *time_val) QV_NOEXCEPT;
+QV_EXPORT time_t qvmodule_get_current_time(void) QV_NOEXCEPT;
+/* elapsed = now - tstamp, by the same arithmetic as the subtraction. */
+QV_EXPORT void qvmodule_get_elapsed_utime(utime_t *elapsed, const utime_t *tstamp) QV_NOEXCEPT;
+QV_EXPORT time_t qvmodule_get_elapsed_time(time_t tstamp) QV_NOEXCEPT;
+/* True when elapsed is at least uinterval microseconds; the comparison is
+ * unsigned, so a negative elapsed time (clock set back) is longer than any
+ * interval. */
+QV_EXPORT boolean qvmodule_utime_longer(utime_t *elapsed, unsigned int uinterval) QV_NOEXCEPT;
+/* True once work measured by elapsed has run 100 ms and should return to
+ * the event loop. */
+QV_EXPORT boolean qvmodule_utime_should_suspend(utime_t *elapsed) QV_NOEXCEPT;
+/* " 1d: 2h: 3m: 4s " style text of a number of seconds, zero pieces left
+ * out, in a buffer shared by all callers and overwritten by every call. */
+QV_EXPORT const char *time_print(time_t timev) QV_NOEXCEPT;
+
+typedef struct _qvmodule_timer qvmodule_timer;
+
+/* interval is the seconds part of the timer's period, 0 for a one-shot. */
+typedef void (*qvmodule_timer_func)(qvmodule_timer *timer, time_t interval);
+
+struct _qvmodule_timer {
+    struct _qvmodule_timer *timer_forw;
+    struct _qvmodule_timer *timer_back;
+    struct event *timer_event;
+    const char *timer_name;
+    flag_t timer_flags;
+    struct timeval timer_uinterval;
+    unsigned int timer_jitter;
+    qvmodule_timer_func timer_func;
+    qvmodule *timer_qvmodule;
+    void_t timer_data;
+};
+
+/* Head of the list of all timers, in creation order; never dispatched. */
+QV_EXPORT extern qvmodule_timer timer_head;
+QV_EXPORT extern struct qvmodule_block *qvmodule_timer_block_index;
+
+/* Creation. flags must be 0. A timer given neither an interval nor an
+ * offset is idle until it is set. Jitter is a percentage (at most 50
+ * counts) by which each delay comes randomly early. The name is kept by
+ * pointer and must outlive the timer. */
+QV_EXPORT qvmodule_timer *qvmodule_timer_ucreate(qvmodule *tp, const char *name, flag_t flags,
+                                                 utime_t *interval, utime_t *offset,
+                                                 unsigned int jitter, qvmodule_timer_func func,
+                                                 void_t data) QV_NOEXCEPT;
+/* Seconds; zero or negative values count as absent. */
+QV_EXPORT qvmodule_timer *qvmodule_timer_create(qvmodule *tp, const char *name, flag_t flags,
+                                                time_t interval, time_t offset,
+                                                qvmodule_timer_func func, void_t data) QV_NOEXCEPT;
+QV_EXPORT qvmodule_timer *qvmodule_timer_create_jittered(qvmodule *tp, const char *name,
+                                                         flag_t flags, time_t interval,
+                                                         unsigned int jitter,
+                                                         qvmodule_timer_func func,
+                                                         void_t data) QV_NOEXCEPT;
+QV_EXPORT qvmodule_timer *qvmodule_timer_create_oneshot(qvmodule *tp, const char *name,
+                                                        flag_t flags, time_t offset,
+                                                        unsigned int jitter,
+                                                        qvmodule_timer_func func,
+                                                        void_t data) QV_NOEXCEPT;
+/* offset in microseconds. */
+QV_EXPORT qvmodule_timer *qvmodule_timer_ucreate_oneshot(qvmodule *tp, const char *name,
+                                                         flag_t flags, time_t offset,
+                                                         unsigned int jitter,
+                                                         qvmodule_timer_func func,
+                                                         void_t data) QV_NOEXCEPT;
+
+/* Arming; a running timer restarts with the new schedule. With neither an
+ * interval nor an offset the timer is reset. */
+QV_EXPORT void qvmodule_timer_uset(qvmodule_timer *tip, const utime_t *interval,
+                                   const utime_t *offset, unsigned int jitter) QV_NOEXCEPT;
+/* Seconds; only zero counts as absent. */
+QV_EXPORT void qvmodule_timer_set(qvmodule_timer *tip, time_t interval, time_t offset) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_timer_set_periodic(qvmodule_timer *tip, time_t interval,
+                                           unsigned int jitter) QV_NOEXCEPT;
+/* interval in microseconds. */
+QV_EXPORT void qvmodule_timer_uset_periodic(qvmodule_timer *tip, time_t interval,
+                                            unsigned int jitter) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_timer_set_oneshot(qvmodule_timer *tip, time_t offset,
+                                          unsigned int jitter) QV_NOEXCEPT;
+/* offset in microseconds. */
+QV_EXPORT void qvmodule_timer_uset_oneshot(qvmodule_timer *tip, time_t offset,
+                                           unsigned int jitter) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_timer_set_uoffset(qvmodule_timer *tip, const utime_t *offset,
+                                          unsigned int jitter) QV_NOEXCEPT;
+
+/* Stops the timer and forgets its period. */
+QV_EXPORT void qvmodule_timer_reset(qvmodule_timer *tip) QV_NOEXCEPT;
+/* The timer fires on the loop's next pass over active events. */
+QV_EXPORT void qvmodule_timer_expire_immediately(qvmodule_timer *tip) QV_NOEXCEPT;
+/* Deletes the timer; from its own function the record is freed when the
+ * function returns. Null is ignored. */
+QV_EXPORT void qvmodule_timer_delete(qvmodule_timer *tip) QV_NOEXCEPT;
+/* Deletes every timer owned by tp. */
+QV_EXPORT void qvmodule_timer_delete_all(qvmodule *tp) QV_NOEXCEPT;
+/* Pending, or started and not stopped: a fired one-shot still counts. */
+QV_EXPORT boolean qvmodule_timer_running(qvmodule_timer *tip) QV_NOEXCEPT;
+/* Time until expiry, {0, 0} when not pending or due; a null timer leaves
+ * remaining untouched. */
+QV_EXPORT void qvmodule_timer_utime_left(qvmodule_timer *tip, utime_t *remaining) QV_NOEXCEPT;
+QV_EXPORT time_t qvmodule_timer_time_left(qvmodule_timer *tip) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_timer_periodic_getval(qvmodule_timer *tip, struct timeval *val) QV_NOEXCEPT;
+QV_EXPORT qvmodule *qvmodule_timer_qvmodule(qvmodule_timer *tip) QV_NOEXCEPT;
+QV_EXPORT void_t qvmodule_timer_data(qvmodule_timer *tip) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_timer_set_data(qvmodule_timer *tip, void_t data) QV_NOEXCEPT;
+/* "module.timer", or the bare name of an ownerless timer, in a buffer
+ * shared by all callers. */
+QV_EXPORT char *qvmodule_timer_name(qvmodule_timer *tip) QV_NOEXCEPT;
+
+QV_EXPORT jrpc_method_retval_t qvmodule_timer_show(jrpc_method_ctx_handle ctx) QV_NOEXCEPT;
+QV_EXPORT jrpc_method_retval_t qvmodule_timer_trace_on(jrpc_method_ctx_handle ctx) QV_NOEXCEPT;
+QV_EXPORT jrpc_method_retval_t qvmodule_timer_trace_off(jrpc_method_ctx_handle ctx) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_timer_init(void) QV_NOEXCEPT;
+
 /* ------------------------------------------------------------------ */
 /* Jobs                                                                */
+
+/* Runs once, as soon as the loop processes active events. */
+#define QVMODULE_JOB_PRIORITY_FOREGROUND 128
+/* Runs every millisecond until deleted; levels 0 to 7 are taken as this. */
+#define QVMODULE_JOB_PRIORITY_BACKGROUND 64
+
+typedef struct _qvmodule_job qvmodule_job;
+
+typedef void (*qvmodule_job_func)(qvmodule_job *job);
+
+struct _qvmodule_job {
+    struct _qvmodule_job *job_forw;
+    struct _qvmodule_job *job_back;
+    struct event *job_event;
+    const char *job_name;
+    qvmodule *job_qvmodule;
+    byte job_priority;
+    byte job_flags;
+    qvmodule_job_func job_func;
+    void_t job_data;
+};
+
+/* Heads of the two job queues, each in creation order. */
+QV_EXPORT extern qvmodule_job qvmodule_job_fg_queue;
+QV_EXPORT extern qvmodule_job qvmodule_job_bg_queue;
+
+/* priority 128 makes a foreground job, 0 to 7 or 64 a background one. The
+ * name is kept by pointer and must outlive the job. A foreground job is
+ * freed after its run: its handle is invalid from then on. */
+QV_EXPORT qvmodule_job *qvmodule_job_create(qvmodule *tp, int priority, const char *name,
+                                            qvmodule_job_func job_func, void_t data) QV_NOEXCEPT;
+QV_EXPORT qvmodule_job *qvmodule_job_create_foreground(qvmodule *tp, const char *name,
+                                                       qvmodule_job_func job_func,
+                                                       void_t data) QV_NOEXCEPT;
+QV_EXPORT qvmodule_job *qvmodule_job_create_background(qvmodule *tp, int priority, const char *name,
+                                                       qvmodule_job_func job_func,
+                                                       void_t data) QV_NOEXCEPT;
+/* Deletes the job; from its own function it is freed when the function
+ * returns. Null and a job already being deleted are ignored. */
+QV_EXPORT void qvmodule_job_delete(qvmodule_job *jp) QV_NOEXCEPT;
+/* Deletes every job owned by tp. */
+QV_EXPORT void qvmodule_job_delete_all(qvmodule *tp) QV_NOEXCEPT;
+QV_EXPORT qvmodule *qvmodule_job_qvmodule(qvmodule_job *job) QV_NOEXCEPT;
+QV_EXPORT void_t qvmodule_job_data(qvmodule_job *job) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_job_set_data(qvmodule_job *job, void_t data) QV_NOEXCEPT;
+QV_EXPORT unsigned int qvmodule_job_priority(qvmodule_job *jp) QV_NOEXCEPT;
+QV_EXPORT const char *qvmodule_get_job_name(qvmodule_job *jp) QV_NOEXCEPT;
+QV_EXPORT jrpc_method_retval_t qvmodule_job_show(jrpc_method_ctx_handle ctx) QV_NOEXCEPT;
+QV_EXPORT jrpc_method_retval_t qvmodule_job_trace_on(jrpc_method_ctx_handle ctx) QV_NOEXCEPT;
+QV_EXPORT jrpc_method_retval_t qvmodule_job_trace_off(jrpc_method_ctx_handle ctx) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_job_init(void) QV_NOEXCEPT;
 
 QV_END_DECLS
 

@@ -35,6 +35,14 @@ typedef uint8_t byte;
 #define FALSE 0
 #endif
 
+/* A point in time or a duration with microsecond resolution. The fields
+ * are the 32-bit time_t of the target on every build; every value the
+ * library produces keeps ut_usec in 0 to 999999. */
+typedef struct _utime_t {
+    int32_t ut_sec;
+    int32_t ut_usec;
+} utime_t;
+
 struct _qvmodule;
 
 /* The compact socket address; its layout is private to the library. */

@@ -159,29 +159,6 @@ qvmodule_mem_cookie_t *qvmodule_mem_cookie_alloc(const char *name, qvmodule *tp)
 namespace
 {
 
-// Statistics sections are the hottest users of the giant lock: without an
-// installed lock function both calls would do nothing, so they are skipped.
-class StatsLock
-{
-  public:
-    StatsLock(const char *func, int line) noexcept : held_(qv_giant_lock_unlock_fn != nullptr)
-    {
-        if (held_)
-            res_ = qv_giant_lock(func, line);
-    }
-    ~StatsLock()
-    {
-        if (held_)
-            qv_giant_unlock(res_);
-    }
-    StatsLock(const StatsLock &) = delete;
-    StatsLock &operator=(const StatsLock &) = delete;
-
-  private:
-    bool held_;
-    int res_ = -1;
-};
-
 // The paths of every allocation and free are inlined into the public
 // functions; the named private functions below wrap them.
 [[gnu::always_inline]] inline qvmodule_mem_cookie_t *cookie_for(qvmodule *tp)
@@ -222,7 +199,7 @@ class StatsLock
     if (hdr == nullptr)
         return nullptr;
     {
-        StatsLock lock("qvmodule_cookie_malloc", __LINE__);
+        QvGiantLockGuard lock("qvmodule_cookie_malloc", __LINE__);
         inc_stats(tmc, static_cast<uint32_t>(size), 1);
         tmc->tmc_n_func_calls++;
         *hdr = static_cast<uint32_t>(size);
@@ -237,7 +214,7 @@ class StatsLock
     // Counted before the heap call, which then ends the function; nothing
     // outside can tell the two orders apart.
     {
-        StatsLock lock("qvmodule_cookie_free", __LINE__);
+        QvGiantLockGuard lock("qvmodule_cookie_free", __LINE__);
         dec_stats(tmc, size, 1);
         tmc->tmc_n_func_calls++;
     }
@@ -300,7 +277,7 @@ void_t qvmodule_cookie_realloc(qvmodule_mem_cookie_t *tmc, void *ptr, size_t siz
     // Another thread must not see the new block charged and the old one
     // not yet freed, so the whole move is one section; the allocation and
     // the free take the lock again inside it.
-    StatsLock lock("qvmodule_cookie_realloc", __LINE__);
+    QvGiantLockGuard lock("qvmodule_cookie_realloc", __LINE__);
     void_t moved = charged_malloc(tmc, size);
     if (moved == nullptr)
         return nullptr;

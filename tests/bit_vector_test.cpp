@@ -172,33 +172,12 @@ TEST_F(BitVector, RandomOperationsMatchModel)
     }
 }
 
-// Brings the process's heap to exhaustion for real: caps the address space
-// a little above what is mapped now and allocates until even small requests
-// fail. Only for a child process.
-void exhaust_heap()
-{
-    long pages = 0;
-    FILE *f = fopen("/proc/self/statm", "r");
-    if (!f || fscanf(f, "%ld", &pages) != 1)
-        _exit(90);
-    fclose(f);
-    rlim_t cap = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (16u << 20);
-    struct rlimit rl = {cap, cap};
-    if (setrlimit(RLIMIT_AS, &rl) != 0)
-        _exit(91);
-    // The blocks must be seen to be used, or the compiler drops the calls.
-    for (size_t size = 1u << 20; size >= 8; size /= 2) {
-        for (void *p; (p = malloc(size)) != nullptr;)
-            asm volatile("" : : "r"(p) : "memory");
-    }
-}
-
 TEST_F(BitVector, NoMemoryLeavesTheVectorAsItWas)
 {
     ASSERT_EQ(set(5), 0);
     int status = qvtest::run_in_child([this] {
         qvmodule_mem_cookie_t before = *cookie();
-        exhaust_heap();
+        qvtest::exhaust_heap();
         if (bit_vector_init(tp) != nullptr)
             return 1;
         bit_vector_t *old = vec;

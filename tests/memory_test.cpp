@@ -60,41 +60,6 @@ bool in_cookie_list(const qvmodule_mem_cookie_t *tmc)
     return false;
 }
 
-// Caps the address space a little above what the process uses now, so that
-// the heap really runs out.
-void limit_address_space()
-{
-    unsigned long pages = 0;
-    FILE *f = fopen("/proc/self/statm", "r");
-    if (f == nullptr || fscanf(f, "%lu", &pages) != 1)
-        abort();
-    fclose(f);
-    rlim_t cap = pages * sysconf(_SC_PAGESIZE) + (32u << 20);
-    struct rlimit rl = {cap, cap};
-    if (setrlimit(RLIMIT_AS, &rl) != 0)
-        abort();
-}
-
-// Takes every byte the heap will still give: large pieces first, then every
-// small size, which drains the free lists and per-thread caches too. The
-// pieces are chained so that the compiler cannot drop the calls, and
-// nothing is freed once the hoarding has begun.
-void *heap_hoard;
-
-void exhaust_heap()
-{
-    auto hoard = [](size_t size) {
-        while (void *p = malloc(size)) {
-            *static_cast<void **>(p) = heap_hoard;
-            heap_hoard = p;
-        }
-    };
-    for (size_t size : {size_t{1} << 20, size_t{65536}, size_t{4096}})
-        hoard(size);
-    for (size_t size = 1024; size >= 8; size -= 8)
-        hoard(size);
-}
-
 // ---------------------------------------------------------------------------
 // Show output: keys repeat, so objects are walked member by member.
 
@@ -311,11 +276,11 @@ TEST_F(Memory, ExhaustedHeapCountsNothing)
         memcpy(keep, "still here", 11);
         CookieCounts before = counts(tp.qvmodule_mem_cookie);
 
-        limit_address_space();
+        qvtest::limit_address_space();
         unsigned got = 0;
         while (qvmodule_block_alloc(tb) != nullptr)
             got++;
-        exhaust_heap();
+        qvtest::exhaust_heap();
         if (got == 0 || qvmodule_block_alloc(tb) != nullptr ||
             counts(tb) != PoolCounts{got, got, got, 0})
             return 1;
@@ -338,8 +303,7 @@ TEST_F(Memory, RecordAllocationFailureIsFatal)
     static const char name[] = "pool_fatal";
     EXPECT_DEATH(
         {
-            limit_address_space();
-            exhaust_heap();
+            qvtest::exhaust_heap();
             qvmodule_block_init(24, name);
         },
         "qv_memory.cpp:qvmodule_block_init: assertion \"qvmodule_block_alloc\\(tb\\)\" failed");

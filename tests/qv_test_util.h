@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -78,6 +79,43 @@ inline int run_in_child(const std::function<int()> &fn)
     int status = 0;
     waitpid(pid, &status, 0);
     return status;
+}
+
+// Caps the address space a little above what the process maps now, so that
+// the heap really runs out. Only for a child process.
+inline void limit_address_space()
+{
+    unsigned long pages = 0;
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (f == nullptr || fscanf(f, "%lu", &pages) != 1)
+        abort();
+    fclose(f);
+    rlim_t cap = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (32u << 20);
+    struct rlimit rl = {cap, cap};
+    if (setrlimit(RLIMIT_AS, &rl) != 0)
+        abort();
+}
+
+// Takes every byte the heap will still give, under a capped address space:
+// large pieces first, then every small size, which drains the free lists and
+// per-thread caches too. The pieces are chained so that the compiler cannot
+// drop the calls; nothing is freed. Only for a child process.
+inline void exhaust_heap()
+{
+    struct rlimit rl;
+    if (getrlimit(RLIMIT_AS, &rl) == 0 && rl.rlim_cur == RLIM_INFINITY)
+        limit_address_space();
+    static void *hoard_head;
+    auto hoard = [](size_t size) {
+        while (void *p = malloc(size)) {
+            *static_cast<void **>(p) = hoard_head;
+            hoard_head = p;
+        }
+    };
+    for (size_t size : {size_t{1} << 20, size_t{65536}, size_t{4096}})
+        hoard(size);
+    for (size_t size = 1024; size >= sizeof(void *); size -= sizeof(void *))
+        hoard(size);
 }
 
 } // namespace qvtest

@@ -902,33 +902,4 @@ TEST(TimerDaemon, TraceFileHoldsTheTimerLines)
                     }));
 }
 
-TEST(TimerUi, JobAndTimerRowsFollowTheLibeventRows)
-{
-    size_t first = jrpc_registry_count();
-    qv_ui_init("uiapp");
-    std::vector<std::string> rows;
-    for (size_t i = first; i < jrpc_registry_count(); i++) {
-        const jrpc_registration_t *r = jrpc_registry_get(i);
-        EXPECT_STREQ(r->app, "uiapp");
-        rows.push_back(r->kind == JRPC_REG_SHOW
-                           ? std::string("show ") + r->name + "/" + r->help + "/" + r->keyword
-                           : std::string(r->on ? "on " : "off ") + r->keyword);
-    }
-    auto at = std::find(rows.begin(), rows.end(), "off libevent");
-    ASSERT_NE(at, rows.end());
-    std::vector<std::string> after(at + 1, std::min(at + 7, rows.end()));
-    EXPECT_EQ(after, (std::vector<std::string>{
-                         "show job/job information/job",
-                         "on job",
-                         "off job",
-                         "show timer/timer information/timer",
-                         "on timer",
-                         "off timer",
-                     }));
-    cJSON *res = nullptr;
-    ASSERT_EQ(jrpc_invoke_show("uiapp", "timer", &res), JRPC_SUCCESS);
-    EXPECT_EQ(members(res, "Timer List").size(), 1u);
-    cJSON_Delete(res);
-}
-
 } // namespace

@@ -8,6 +8,7 @@
 
 #include "qv_cjson.h"
 #include "qv_daemon.h"
+#include "qv_memory.h"
 #include "qv_test_util.h"
 
 namespace
@@ -17,13 +18,24 @@ struct Row {
     jrpc_reg_kind_t kind;
     const char *name, *help, *keyword;
     int on;
+    jrpc_method_handler_t handler;
 };
 
 // The library's commands, in the order an operator's tools list them.
 const std::vector<Row> kTable = {
-    {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0},
-    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1},
-    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0},
+    {JRPC_REG_SHOW, "memory_usage", "daemon memory usage", "memory", 0, qvmodule_memory_show},
+    {JRPC_REG_SHOW, "module_usage", "modules", "module", 0, qvmodule_module_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "module", 1, qvmodule_module_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "module", 0, qvmodule_module_trace_off},
+    {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1, qv_libevent_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0, qv_libevent_trace_off},
+    {JRPC_REG_SHOW, "job", "job information", "job", 0, qvmodule_job_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "job", 1, qvmodule_job_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "job", 0, qvmodule_job_trace_off},
+    {JRPC_REG_SHOW, "timer", "timer information", "timer", 0, qvmodule_timer_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "timer", 1, qvmodule_timer_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "timer", 0, qvmodule_timer_trace_off},
 };
 
 class UiTest : public ::testing::Test
@@ -60,7 +72,7 @@ TEST_F(UiTest, RegistersTheTableInOrder)
         if (w.kind == JRPC_REG_TRACE) {
             EXPECT_EQ(r->on, w.on);
         }
-        EXPECT_NE(r->handler, nullptr);
+        EXPECT_EQ(r->handler, w.handler);
     }
     EXPECT_EQ(jrpc_registry_get(jrpc_registry_count()), nullptr);
 }
@@ -86,16 +98,29 @@ TEST_F(UiTest, UnknownCommandsFail)
 
 TEST_F(UiTest, TraceSwitchesChangeOnlyTheirBit)
 {
-    trace_global->trace_mask = 0x8001;
-    EXPECT_EQ(jrpc_invoke_trace("mydaemon", "libevent", 1), JRPC_SUCCESS);
-    EXPECT_EQ(trace_global->trace_mask, 0x8001u | QV_TRACE_LIBEVENT);
-    EXPECT_EQ(jrpc_invoke_trace("mydaemon", "libevent", 0), JRPC_SUCCESS);
-    EXPECT_EQ(trace_global->trace_mask, 0x8001u);
+    const std::pair<const char *, uint32_t> switches[] = {{"module", QV_TRACE_MODULE},
+                                                          {"libevent", QV_TRACE_LIBEVENT},
+                                                          {"job", QV_TRACE_JOB},
+                                                          {"timer", QV_TRACE_TIMER}};
+    for (auto [keyword, bit] : switches) {
+        SCOPED_TRACE(keyword);
+        trace_global->trace_mask = 0x8001;
+        EXPECT_EQ(jrpc_invoke_trace("mydaemon", keyword, 1), JRPC_SUCCESS);
+        EXPECT_EQ(trace_global->trace_mask, 0x8001u | bit);
+        EXPECT_EQ(jrpc_invoke_trace("mydaemon", keyword, 0), JRPC_SUCCESS);
+        EXPECT_EQ(trace_global->trace_mask, 0x8001u);
+    }
+    // Timer on, then job off: 0x2 set, 0x4 clear, the rest as it was.
+    trace_global->trace_mask = QV_TRACE_JOB | QV_TRACE_MODULE;
+    jrpc_invoke_trace("mydaemon", "timer", 1);
+    jrpc_invoke_trace("mydaemon", "job", 0);
+    EXPECT_EQ(trace_global->trace_mask, QV_TRACE_TIMER | QV_TRACE_MODULE);
 }
 
 } // namespace
 
-namespace {
+namespace
+{
 
 TEST(CJsonFormat, AddsAFormattedStringMemberBesideOthersOfTheSameName)
 {

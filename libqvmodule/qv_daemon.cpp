@@ -222,7 +222,9 @@ struct UiCommand {
     jrpc_method_handler_t handler;
 };
 
-jrpc_method_retval_t set_trace_bit(uint32_t bit, bool on)
+} // namespace
+
+jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept
 {
     if (on)
         trace_type_enable(trace_global, bit);
@@ -231,7 +233,12 @@ jrpc_method_retval_t set_trace_bit(uint32_t bit, bool on)
     return JRPC_SUCCESS;
 }
 
-} // namespace
+void qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept
+{
+    cJSON *entry = cJSON_CreateObject();
+    cJSON_AddItemToObject(entry, "Name", cJSON_CreateString(name));
+    cJSON_AddItemToObject(list, entry_key, entry);
+}
 
 extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_show(jrpc_method_ctx_handle) noexcept
 {
@@ -240,12 +247,12 @@ extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_show(jrpc_method_ctx_handl
 
 extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_trace_on(jrpc_method_ctx_handle) noexcept
 {
-    return set_trace_bit(QV_TRACE_LIBEVENT, true);
+    return qv_ui_trace_switch(QV_TRACE_LIBEVENT, true);
 }
 
 extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_trace_off(jrpc_method_ctx_handle) noexcept
 {
-    return set_trace_bit(QV_TRACE_LIBEVENT, false);
+    return qv_ui_trace_switch(QV_TRACE_LIBEVENT, false);
 }
 
 extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept

@@ -219,9 +219,7 @@ void show_queue(cJSON *root, const char *list_name, qvmodule_job *head)
             list = cJSON_CreateObject();
             cJSON_AddItemToObject(root, list_name, list);
         }
-        cJSON *job = cJSON_CreateObject();
-        cJSON_AddItemToObject(job, "Name", cJSON_CreateString(jp->job_name));
-        cJSON_AddItemToObject(list, "Job", job);
+        qv_show_add_name(list, "Job", jp->job_name);
     });
 }
 
@@ -237,14 +235,12 @@ extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_job_show(jrpc_method_ctx_hand
 
 extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_job_trace_on(jrpc_method_ctx_handle) noexcept
 {
-    trace_type_enable(trace_global, QV_TRACE_JOB);
-    return JRPC_SUCCESS;
+    return qv_ui_trace_switch(QV_TRACE_JOB, true);
 }
 
 extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_job_trace_off(jrpc_method_ctx_handle) noexcept
 {
-    trace_type_disable(trace_global, QV_TRACE_JOB);
-    return JRPC_SUCCESS;
+    return qv_ui_trace_switch(QV_TRACE_JOB, false);
 }
 
 extern "C" QV_EXPORT void qvmodule_job_init(void) noexcept

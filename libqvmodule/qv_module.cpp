@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 #include "qv_assert.h"
+#include "qv_daemon_private.h"
 #include "qv_memory_private.h"
 #include "qv_module_private.h"
 #include "qv_queue.h"
@@ -144,24 +145,19 @@ extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_module_show(jrpc_method_ctx_h
 {
     cJSON *list = cJSON_CreateObject();
     cJSON_AddItemToObject(jrpc_ctx_get_result_jroot(ctx), "qvmodule List", list);
-    qv::for_each(&qvmodule_head, [list](qvmodule *tp) {
-        cJSON *entry = cJSON_CreateObject();
-        cJSON_AddItemToObject(list, "qvmodule", entry);
-        cJSON_AddItemToObject(entry, "Name", cJSON_CreateString(qvmodule_name(tp)));
-    });
+    qv::for_each(&qvmodule_head,
+                 [list](qvmodule *tp) { qv_show_add_name(list, "qvmodule", qvmodule_name(tp)); });
     return JRPC_SUCCESS;
 }
 
 extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_module_trace_on(jrpc_method_ctx_handle) noexcept
 {
-    trace_type_enable(trace_global, QV_TRACE_MODULE);
-    return JRPC_SUCCESS;
+    return qv_ui_trace_switch(QV_TRACE_MODULE, true);
 }
 
 extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_module_trace_off(jrpc_method_ctx_handle) noexcept
 {
-    trace_type_disable(trace_global, QV_TRACE_MODULE);
-    return JRPC_SUCCESS;
+    return qv_ui_trace_switch(QV_TRACE_MODULE, false);
 }
 
 extern "C" QV_EXPORT void qvmodule_init(void) noexcept

@@ -530,23 +530,19 @@ extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_timer_show(jrpc_method_ctx_ha
     cJSON *list = cJSON_CreateObject();
     cJSON_AddItemToObject(jrpc_ctx_get_result_jroot(ctx), "Timer List", list);
     qv::for_each(&timer_head, [list](qvmodule_timer *tip) {
-        cJSON *timer = cJSON_CreateObject();
-        cJSON_AddItemToObject(timer, "Name", cJSON_CreateString(qvmodule_timer_name(tip)));
-        cJSON_AddItemToObject(list, "Timer", timer);
+        qv_show_add_name(list, "Timer", qvmodule_timer_name(tip));
     });
     return JRPC_SUCCESS;
 }
 
 extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_timer_trace_on(jrpc_method_ctx_handle) noexcept
 {
-    trace_type_enable(trace_global, QV_TRACE_TIMER);
-    return JRPC_SUCCESS;
+    return qv_ui_trace_switch(QV_TRACE_TIMER, true);
 }
 
 extern "C" QV_EXPORT jrpc_method_retval_t qvmodule_timer_trace_off(jrpc_method_ctx_handle) noexcept
 {
-    trace_type_disable(trace_global, QV_TRACE_TIMER);
-    return JRPC_SUCCESS;
+    return qv_ui_trace_switch(QV_TRACE_TIMER, false);
 }
 
 extern "C" QV_EXPORT void qvmodule_timer_init(void) noexcept

@@ -6,6 +6,12 @@
 #include "qv_daemon.h"
 
 void qv_libevent_trace_fn(int severity, const char *msg) noexcept;
+
+/* The body of every trace on/off command: sets or clears one bit of
+ * trace_global's mask. */
+jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept;
+/* Adds {"Name": name} to a show list under its repeating entry key. */
+void qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept;
 void qv_libevent_fatal_fn(int err) noexcept;
 
 extern qv_giant_lock_func qv_giant_lock_unlock_fn;

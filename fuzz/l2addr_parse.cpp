@@ -13,16 +13,10 @@
 
 #include "qvsockaddr_l2addr.h"
 
+#include "fuzz_check.h"
+
 namespace
 {
-
-#define FUZZ_CHECK(cond)                                                                           \
-    do {                                                                                           \
-        if (!(cond)) {                                                                             \
-            fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__);                      \
-            abort();                                                                               \
-        }                                                                                          \
-    } while (0)
 
 const std::regex &rule()
 {

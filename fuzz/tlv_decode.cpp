@@ -11,16 +11,10 @@
 
 #include "getput.h"
 
+#include "fuzz_check.h"
+
 namespace
 {
-
-#define FUZZ_CHECK(cond)                                                                           \
-    do {                                                                                           \
-        if (!(cond)) {                                                                             \
-            fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__);                      \
-            abort();                                                                               \
-        }                                                                                          \
-    } while (0)
 
 constexpr int kMaxDepth = 8;
 constexpr int kBufLen = 300;

@@ -93,10 +93,9 @@ TEST(DaemonStartup, RecordsNamesDefaultsAndFirstLine)
 
 TEST(DaemonStartup, ProgramNameIsTheLastPathComponent)
 {
-    for (auto [argv0, want] : {std::pair{"mydaemon", "mydaemon"}, std::pair{"/opt/x/", ""}}) {
+    for (auto [argv0, want] : {std::pair{"mydaemon", "mydaemon"}, {"/opt/x/", ""}}) {
         Daemon d;
-        int st = d.run(argv0, [&] { return strcmp(progname, want) == 0 ? 0 : 1; });
-        EXPECT_EQ(exit_code(st), 0) << argv0;
+        EXPECT_EQ(exit_code(d.run(argv0, [&] { return strcmp(progname, want) != 0; })), 0);
     }
 }
 
@@ -252,75 +251,45 @@ TEST(DaemonStartup, LoopDispatchesUntilNoEventIsLeft)
 }
 
 // Giant lock: a recording, re-entrant lock function.
-struct LockCall {
-    int lock, res;
-};
-std::vector<LockCall> lock_calls;
+std::vector<std::pair<int, int>> lock_calls;
 int depth;
-int next_result;
+bool refuse;
 
 int recording_lock(int lock, int res)
 {
-    lock_calls.push_back({lock, res});
-    if (lock) {
-        depth++;
-        return next_result == -1 ? -1 : depth * 10;
-    }
-    depth--;
-    return 0;
+    lock_calls.emplace_back(lock, res);
+    if (!lock)
+        return depth--, 0;
+    depth++;
+    return refuse ? -1 : depth * 10;
 }
 
-class GiantLockTest : public ::testing::Test
+TEST(GiantLock, NestsPassesResultsBackAndRemembersRefusedCallers)
 {
-  protected:
-    void TearDown() override
-    {
-        qv_giant_lock_func_init(nullptr);
-        lock_calls.clear();
-        depth = 0;
-        next_result = 0;
-    }
-};
-
-TEST_F(GiantLockTest, WithoutAFunctionNothingIsCalled)
-{
-    EXPECT_EQ(qv_giant_lock("f", 1), -1);
+    EXPECT_EQ(qv_giant_lock("f", 1), -1); // nothing installed: nothing called
     qv_giant_unlock(-1);
     EXPECT_TRUE(lock_calls.empty());
-}
 
-TEST_F(GiantLockTest, NestedSectionsSeeTheirOwnResults)
-{
     qv_giant_lock_func_init(recording_lock);
     {
         QV_GIANT_LOCK_SCOPE();
         QvGiantLockGuard inner("inner", __LINE__);
     }
-    ASSERT_EQ(lock_calls.size(), 4u);
-    EXPECT_EQ(lock_calls[0].lock, 1);
-    EXPECT_EQ(lock_calls[0].res, 0);
-    EXPECT_EQ(lock_calls[1].lock, 1);
-    EXPECT_EQ(lock_calls[1].res, 0);
-    EXPECT_EQ(lock_calls[2].lock, 0);
-    EXPECT_EQ(lock_calls[2].res, 20); // the inner lock's result, released first
-    EXPECT_EQ(lock_calls[3].lock, 0);
-    EXPECT_EQ(lock_calls[3].res, 10);
+    using P = std::pair<int, int>;
+    EXPECT_EQ(lock_calls, (std::vector<P>{{1, 0}, {1, 0}, {0, 20}, {0, 10}}));
     EXPECT_EQ(depth, 0);
-}
 
-TEST_F(GiantLockTest, RemembersTheLastCallerRefused)
-{
-    qv_giant_lock_func_init(recording_lock);
-    next_result = -1;
+    refuse = true;
     int r = qv_giant_lock("refused_here", 42);
     EXPECT_EQ(r, -1);
     EXPECT_STREQ(qv_gian_lock_last_caller, "refused_here");
     EXPECT_EQ(qv_gian_lock_last_caller_line, 42);
     qv_giant_unlock(r);
     EXPECT_STREQ(qv_gian_lock_last_caller, "refused_here");
-    qv_giant_unlock(0);
+    qv_giant_unlock(0); // an unlock with 0 forgets the name, not the line
     EXPECT_EQ(qv_gian_lock_last_caller, nullptr);
     EXPECT_EQ(qv_gian_lock_last_caller_line, 42);
+    qv_giant_lock_func_init(nullptr);
 }
 
 } // namespace

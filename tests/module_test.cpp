@@ -1,516 +1,340 @@
-// The module registry, its show and trace commands, qvmodule_quit, and the
-// "memory" and "module" show output of a freshly started daemon.
-//
-// The registry is a process global: each test removes the modules it made,
-// and compares the registry against what it held before.
+// Pools, cookies, the module registry, their shows, qvmodule_quit, a fresh daemon.
 
 #include <gtest/gtest.h>
 
-#include <errno.h>
 #include <signal.h>
-#include <stddef.h>
-#include <string.h>
 #include <sys/socket.h>
-
+#include <algorithm>
+#include <array>
+#include <functional>
 #include <random>
-#include <string>
-#include <vector>
+#include <regex>
 
+#include "qv_daemon_private.h"
+#include "qv_jobs_private.h"
 #include "qv_memory_private.h"
-#include "qv_module_private.h"
-#include "qv_queue.h"
 #include "qv_test_util.h"
 
 namespace
 {
+// Pools, cookies and the registry are process globals: tests look at deltas.
+[[maybe_unused]] const bool initialised =
+    (qvmodule_memory_init(), qvmodule_init(), qv_ui_init("qvtest"), true);
+using Counts = std::array<uint32_t, 5>; // in the order the "memory" show prints them
 
-void ensure_registry()
+Counts counts(block_t tb)
 {
-    static bool done = false;
-    if (!done) {
-        qvmodule_memory_init();
-        qvmodule_init();
-        done = true;
-    }
+    return {tb->tb_size, tb->tb_max_alloc, tb->tb_n_alloc, tb->tb_n_alloc_requests,
+            tb->tb_n_free_requests};
 }
 
-std::vector<std::string> registry_names()
+Counts counts(const qvmodule_mem_cookie_t *c)
 {
-    std::vector<std::string> names;
-    qv::for_each(&qvmodule_head, [&names](qvmodule *tp) { names.push_back(tp->qvmodule_name); });
-    return names;
+    return {c->tmc_max_bytes, c->tmc_n_bytes, c->tmc_max_alloc, c->tmc_n_alloc,
+            c->tmc_n_func_calls};
 }
 
-// The links agree in both directions and end at the head.
-bool registry_is_sound()
+std::string show(const char *keyword)
 {
-    const qvmodule *prev = &qvmodule_head;
-    for (const qvmodule *tp = qvmodule_head.qvmodule_forw; tp != &qvmodule_head;
-         tp = tp->qvmodule_forw) {
-        if (tp == nullptr || tp->qvmodule_back != prev)
-            return false;
-        prev = tp;
-    }
-    return qvmodule_head.qvmodule_back == prev;
+    cJSON *root = nullptr;
+    EXPECT_EQ(jrpc_invoke_show("qvtest", keyword, &root), JRPC_SUCCESS);
+    std::unique_ptr<char, decltype(&free)> text(cJSON_PrintUnformatted(root), free);
+    cJSON_Delete(root);
+    return text.get();
 }
 
-std::vector<std::string> keys_of(const cJSON *obj)
+// What the shows must print, member by member, for the lists as they stand.
+std::string memory_show_of_lists()
 {
-    std::vector<std::string> keys;
-    for (const cJSON *c = obj ? obj->child : nullptr; c; c = c->next)
-        keys.push_back(c->string ? c->string : "");
-    return keys;
+    std::string s = R"({"Block List":{)";
+    auto entry = [&s](const char *key, const char *name, Counts v, std::array<const char *, 5> k) {
+        s += (s.back() == '{' ? "\"" : ",\"") + std::string(key) + R"(":{"Name":")" + name + "\"";
+        for (int i = 0; i < 5; i++)
+            s += ",\"" + std::string(k[i]) + "\":" + std::to_string(v[i]) + (i < 4 ? "" : "}");
+    };
+    for (block_t tb = qvmodule_block_list; tb; tb = tb->tb_next)
+        entry("Block", tb->tb_name, counts(tb),
+              {"Size", "Max Alloc", "Cur Alloc", "Alloc Req", "Free Req"});
+    s += R"(},"Mem Cookie List":{)";
+    for (auto *c = qvmodule_cookies; c; c = c->tmc_next)
+        entry("Cookie", c->tmc_name, counts(c),
+              {"Max Bytes", "Cur Bytes", "Max Alloc", "Cur Alloc", "Calls"});
+    return s + "}}";
 }
 
-// The names of the "module" show output, checking its shape on the way.
-std::vector<std::string> read_module_show(const cJSON *root)
+std::string module_show_of(const std::vector<qvmodule *> &modules)
 {
-    std::vector<std::string> names;
-    EXPECT_EQ(keys_of(root), std::vector<std::string>{"qvmodule List"});
-    for (const cJSON *m = root->child ? root->child->child : nullptr; m; m = m->next) {
-        EXPECT_STREQ(m->string, "qvmodule");
-        EXPECT_EQ(keys_of(m), std::vector<std::string>{"Name"});
-        if (m->child && cJSON_IsString(m->child))
-            names.push_back(m->child->valuestring);
-    }
-    return names;
+    std::string s = R"({"qvmodule List":{)";
+    for (qvmodule *tp : modules)
+        s += (s.back() == '{' ? "" : ",") + std::string(R"("qvmodule":{"Name":")") +
+             std::string(tp->qvmodule_name).substr(0, 40) + "\"}";
+    return s + "}}";
 }
 
-std::vector<std::string> module_show()
+// Answers locks with -1, which leaves the caller's name behind. Logs each call as L or U, the
+// letter after "qvmodule_cookie_" of the name it finds, and "!" if its argument is wrong.
+std::string lock_calls;
+int lock_log(int lock, int res)
 {
-    jrpc_method_ctx ctx{nullptr, cJSON_CreateObject()};
-    EXPECT_EQ(qvmodule_module_show(&ctx), JRPC_SUCCESS);
-    std::vector<std::string> names = read_module_show(ctx.jrpc_result_root);
-    cJSON_Delete(ctx.jrpc_result_root);
-    return names;
+    const char *last = qv_gian_lock_last_caller;
+    lock_calls += std::string(lock ? "L" : "U") + (last ? last[16] : '-');
+    lock_calls += res == (lock ? 0 : -1) ? "" : "!";
+    return -1;
 }
 
-std::vector<std::string> concat(std::vector<std::string> a, const std::vector<std::string> &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-// Each test has its own trace file, with every trace bit clear.
-class Module : public ::testing::Test
-{
-  protected:
-    void SetUp() override
-    {
-        ensure_registry();
-        before_ = registry_names();
-        modules_in_pool_ = qvmodule_block_index->tb_n_alloc;
-        trace_global = trace_file_open(trace_path().c_str(), 1000000, 2);
-    }
-    void TearDown() override
-    {
-        trace_file_close(trace_global);
-        trace_global = nullptr;
-        EXPECT_EQ(registry_names(), before_) << "a test left modules behind";
-        EXPECT_EQ(qvmodule_block_index->tb_n_alloc, modules_in_pool_);
-    }
-    std::string trace_path() const { return dir_.file("module.log"); }
-    // The messages written so far, without time, host and program.
-    std::vector<std::string> messages() const
-    {
-        std::vector<std::string> out;
-        for (const std::string &line : qvtest::read_lines(trace_path())) {
-            size_t at = line.find("]  ");
-            out.push_back(at == std::string::npos ? line : line.substr(at + 3));
-        }
-        return out;
-    }
-
-    qvtest::TempDir dir_;
-    std::vector<std::string> before_;
-    unsigned modules_in_pool_ = 0;
+struct Trace { // a trace file of the test's own as trace_global
+    qvtest::TempDir dir;
+    std::string path = dir.file("trace.log");
+    Trace() { trace_global = trace_file_open(path.c_str(), 1000000, 2); }
+    ~Trace() { trace_file_close(trace_global), trace_global = nullptr; }
 };
 
 } // namespace
 
-// The record's layout is part of the API, daemons reach into it: five
-// pointers, five 32-bit words, seven pointers, two counters, on 32-bit and
-// 64-bit targets alike.
-constexpr size_t P = sizeof(void *);
-constexpr size_t kMethods = (5 * P + 20 + P - 1) / P * P;
-#define QV_AT(field, offset) static_assert(offsetof(qvmodule, field) == (offset), #field)
-QV_AT(qvmodule_forw, 0);
-QV_AT(qvmodule_back, P);
-QV_AT(qvmodule_name, 2 * P);
-QV_AT(sock_revent, 3 * P);
-QV_AT(sock_wevent, 4 * P);
-QV_AT(qvmodule_flags, 5 * P);
-QV_AT(qvmodule_proto, 5 * P + 4);
-QV_AT(qvmodule_socket, 5 * P + 8);
-QV_AT(qvmodule_socket_domain, 5 * P + 12);
-QV_AT(qvmodule_priority, 5 * P + 16);
-QV_AT(qvmodule_recv_method, kMethods);
-QV_AT(qvmodule_accept_method, kMethods + P);
-QV_AT(qvmodule_write_method, kMethods + 2 * P);
-QV_AT(qvmodule_connect_method, kMethods + 3 * P);
-QV_AT(qvmodule_addr, kMethods + 4 * P);
-QV_AT(qvmodule_data, kMethods + 5 * P);
-QV_AT(qvmodule_mem_cookie, kMethods + 6 * P);
-QV_AT(qvmodule_reads, kMethods + 7 * P);
-QV_AT(qvmodule_writes, kMethods + 7 * P + 4);
-static_assert(P != 4 || sizeof(qvmodule) == 76);
-static_assert(QVMODULE_FLAG_ACCEPT == 0x1 && QVMODULE_FLAG_CONNECT == 0x2 &&
-              QVMODULE_FLAG_NO_DELETE == 0x4 && QVMODULE_FLAG_READ_DISABLED == 0x20 &&
-              QVMODULE_FLAG_WRITE_DISABLED == 0x40);
-
-TEST_F(Module, ModulesAreListedInCreationOrderOnlyOnceCreated)
+// Allocations, copies, resizes and frees (some through another module's cookie), and pool
+// blocks of every clearing size, dirtied before freeing, against a model and the lock calls.
+TEST(Memory, RandomOperationsAgreeWithAModel)
 {
-    EXPECT_STREQ(qvmodule_head.qvmodule_name, "qvmodule head");
-    EXPECT_STREQ(qvmodule_block_index->tb_name, "qvmodule");
-    EXPECT_EQ(qvmodule_block_index->tb_size, sizeof(qvmodule));
-
-    static const char alpha[] = "alpha", beta[] = "beta", gamma[] = "gamma";
-    qvmodule *a = qvmodule_alloc(alpha, 7, this);
-    qvmodule *b = qvmodule_alloc(beta, 0, nullptr);
-    qvmodule *g = qvmodule_alloc(gamma, 0, nullptr);
-    EXPECT_EQ(a->qvmodule_name, alpha) << "the name pointer is kept";
-    EXPECT_EQ(a->qvmodule_socket, -1);
-    EXPECT_EQ(a->qvmodule_socket_domain, 0);
-    EXPECT_EQ(a->qvmodule_priority, 0) << "the priority is not kept";
-    EXPECT_EQ(a->qvmodule_forw, nullptr);
-    EXPECT_EQ(module_show(), before_) << "allocated modules are not listed";
-
-    EXPECT_EQ(qvmodule_create(a), 1);
-    EXPECT_EQ(qvmodule_create(b), 1);
-    EXPECT_EQ(qvmodule_create(g), 1);
-    EXPECT_EQ(module_show(), concat(before_, {"alpha", "beta", "gamma"}));
-    EXPECT_EQ(qvmodule_block_index->tb_n_alloc, modules_in_pool_ + 3);
-
-    // A deleted module leaves both shows: the registry and its cookie.
-    qvmodule_mem_strdup(b, "charged to beta");
-    qvmodule_mem_cookie_t *cookie = b->qvmodule_mem_cookie;
-    qvmodule_delete(b);
-    EXPECT_EQ(module_show(), concat(before_, {"alpha", "gamma"}));
-    EXPECT_TRUE(registry_is_sound());
-    for (auto *c = qvmodule_cookies; c; c = c->tmc_next)
-        EXPECT_NE(c, cookie);
-    qvmodule_delete(a);
-    qvmodule_delete(g);
-}
-
-TEST_F(Module, AcceptedModulesTakeOnlyTheSocketDomain)
-{
-    qvmodule *listener = qvmodule_alloc("listener", 0, nullptr);
-    listener->qvmodule_socket = 5;
-    listener->qvmodule_socket_domain = AF_INET;
-    listener->qvmodule_flags = QVMODULE_FLAG_ACCEPT;
-    listener->qvmodule_data = this;
-    qvmodule *conn = qvmodule_alloc_accept(listener, "conn", 0, nullptr);
-    EXPECT_STREQ(conn->qvmodule_name, "conn");
-    EXPECT_EQ(conn->qvmodule_socket, -1);
-    EXPECT_EQ(conn->qvmodule_socket_domain, AF_INET);
-    EXPECT_EQ(conn->qvmodule_flags, 0u);
-    EXPECT_EQ(conn->qvmodule_data, nullptr);
-    listener->qvmodule_socket = -1;
-    qvmodule_free(listener);
-    qvmodule_free(conn);
-}
-
-TEST_F(Module, FreeingAnUncreatedModuleReturnsItsRecordAndCookie)
-{
+    struct Owner {
+        qvmodule mod{}, *tp = nullptr;
+        block_t tb = nullptr;
+        Counts want{};
+        std::vector<std::pair<unsigned char *, uint32_t>> live; // filled with fill(size)
+    };
+    // Out of size order; 16 again last, under equal text at another address. Pools live on.
+    const char *name = strdup("random"), *again = strdup("random");
+    const unsigned sizes[] = {1025, 3, 1, 4, 16, 7, 8, 15, 33, 64, 65, 129, 1024, 5000, 16};
+    std::vector<Owner> all(19);
+    Counts names = counts(&qvmodule_block_names);
     unsigned cookies = qvmodule_cookie_block->tb_n_alloc;
-    qvmodule *tp = qvmodule_alloc("never_created", 0, nullptr);
-    void *kept = qvmodule_mem_malloc(tp, 32);
-    EXPECT_EQ(qvmodule_cookie_block->tb_n_alloc, cookies + 1);
-    qvmodule_free(tp);
-    qvmodule_free(nullptr);
-    EXPECT_EQ(qvmodule_cookie_block->tb_n_alloc, cookies);
-    // What the module still held is no longer counted anywhere.
-    qvmodule_mem_free(nullptr, kept);
+    qv_giant_lock_func_init(lock_log), lock_calls.clear();
+    for (int i = 0; i < 19; i++) {
+        Owner &o = all[i];
+        o.mod.qvmodule_name = i < 2 ? "twin" : "solo"; // two cookies of one name
+        o.tp = i < 3 ? &o.mod : nullptr;
+        o.tb = i > 3 ? qvmodule_block_init(sizes[i - 4], i < 18 ? name : again) : nullptr;
+        o.want = o.tb ? counts(o.tb) : i == 3 ? counts(qvmodule_cookie_anon) : Counts{};
+        // A zero size counts nothing, yet makes the cookie, newest first.
+        EXPECT_TRUE(!o.tp ||
+                    (!qvmodule_mem_malloc(o.tp, 0) && qvmodule_cookies->tmc_qvmodule == o.tp &&
+                     qvmodule_cookies == o.mod.qvmodule_mem_cookie));
+    }
+    EXPECT_EQ(qvmodule_cookie_block->tb_n_alloc, cookies + 3);
+    names[2] += 15, names[3] += 15, names[1] = std::max(names[1], names[2]);
+    EXPECT_EQ(counts(&qvmodule_block_names), names) << "the names pool counts its records";
+    std::vector<block_t> listed;
+    for (block_t tb = qvmodule_block_list; tb; tb = tb->tb_next)
+        listed.push_back(tb);
+    auto at = [&](block_t tb) { return std::ranges::find(listed, tb); }; // equal sizes as created
+    EXPECT_TRUE(listed.size() == names[2] + 1u && at(all[8].tb) < at(all[18].tb) &&
+                std::ranges::is_sorted(listed, {}, &qvmodule_block_t::tb_size));
+    std::mt19937 rng(20240611);
+    std::string locks; // each op's calls, and the caller the next call will find
+    char last = qv_gian_lock_last_caller ? qv_gian_lock_last_caller[16] : '-';
+    auto fill = [](uint32_t n) { return char(0x80 | n); };
+    auto filled = [](const void *p, size_t n, char v) {
+        return !n || (p && !memcmp(p, std::string(n, v).data(), n));
+    };
+    auto keep = [&](Owner &o, void *p, uint32_t n) {
+        memset(p, fill(n), n), o.live.push_back({static_cast<unsigned char *>(p), n});
+    };
+    auto take = [&](Owner &o) {
+        auto at = o.live.begin() + rng() % o.live.size();
+        auto l = *at;
+        o.live.erase(at);
+        EXPECT_TRUE(filled(l.first, l.second, fill(l.second)) &&
+                    (o.tb || qvmodule_get_actual_alloc_size(l.first) == l.second));
+        return l;
+    };
+    auto charge = [&](Owner &o, void *p, uint32_t bytes) {
+        Counts &w = o.want;
+        w[1] += bytes, w[0] = std::max(w[0], w[1]), w[3]++, w[2] = std::max(w[2], w[3]), w[4]++;
+        keep(o, p, bytes), locks += {'L', last, 'U', 'm'}, last = 'm';
+    };
+    auto discharge = [&](Counts &w, uint32_t bytes) {
+        w[1] -= std::min(w[1], bytes), w[3] -= std::min(w[3], 1u), w[4]++,
+            locks += {'L', last, 'U', 'f'}, last = 'f';
+    };
+    for (int step = 0; step < 5000; step++) {
+        Owner &o = all[rng() % 4], &pool = all[4 + rng() % 15];
+        uint32_t size = rng() % 4 ? rng() % 200 : rng() % 3000;
+        unsigned op = rng() % (o.live.empty() ? 2 : 5);
+        std::string text(size, 'x');
+        if (op < 2) { // a resize of nothing allocates; a copy of null is only a call
+            const char *src = size % 8 == 1 ? nullptr : text.c_str();
+            void *p = op          ? qvmodule_mem_strdup(o.tp, src)
+                      : rng() % 2 ? qvmodule_mem_malloc(o.tp, size)
+                                  : qvmodule_mem_realloc(o.tp, nullptr, size);
+            size += op && src;
+            ASSERT_TRUE((p == nullptr) == (size == 0 || (op && !src)) &&
+                        (op ? !src || text == static_cast<char *>(p) : filled(p, size, 0)));
+            p ? charge(o, p, size) : void(o.want[4] += op && !src);
+        } else if (op == 2) { // a new block, charged before the old one leaves, all under lock
+            auto [q, n] = take(o);
+            auto *p = static_cast<unsigned char *>(qvmodule_mem_realloc(o.tp, q, size));
+            uint32_t copied = std::min(size, n);
+            ASSERT_TRUE((p == nullptr) == (size == 0) && p != q && filled(p, copied, fill(n)) &&
+                        filled(p + copied, size - copied, 0));
+            p ? (locks += {'L', last}, last = 'r', charge(o, p, size)) : void();
+            discharge(o.want, n);
+            locks += p ? "Uf" : "";
+        } else { // op 4 frees through any cookie, maybe another module's
+            Owner &via = op == 4 ? all[rng() % 4] : o;
+            auto [p, n] = take(o);
+            qvmodule_mem_free(via.tp, p);
+            discharge(via.want, n);
+        }
+        if (pool.live.empty() || rng() % 2) {
+            void *p = qvmodule_block_alloc(pool.tb);
+            ASSERT_TRUE(filled(p, pool.tb->tb_size, 0)) << pool.tb->tb_size;
+            pool.want[1] = std::max(pool.want[1], ++pool.want[2]), pool.want[3]++;
+            keep(pool, p, pool.tb->tb_size);
+        } else {
+            qvmodule_block_free(pool.tb, take(pool).first);
+            pool.want[2]--, pool.want[4]++;
+        }
+        for (Owner &x : all)
+            ASSERT_EQ(x.tb ? counts(x.tb) : counts(qvmodule_cookie_from_qvmodule(x.tp)), x.want);
+        ASSERT_EQ(std::exchange(lock_calls, ""), std::exchange(locks, ""));
+    }
+    qv_giant_lock_func_init(nullptr);
+    EXPECT_EQ(qvmodule_mem_malloc(all[0].tp, UINT32_MAX - 3), nullptr) << "too big for the header";
+    all[0].mod.qvmodule_mem_cookie->tmc_max_bytes = 4000000000u; // shown as unsigned 32 bits
+    EXPECT_EQ(show("memory"), memory_show_of_lists());
+    for (Owner &o : all) {
+        for (auto [p, n] : o.live)
+            o.tb ? qvmodule_block_free(o.tb, p) : qvmodule_mem_free(o.tp, p);
+        qvmodule_mem_cookie_free(o.tp); // the oldest first: not at the head of the list
+    }
 }
 
-TEST_F(Module, NoDeleteFlagKeepsTheModuleUntilCleared)
+// Allocations, creations, deletions (some refused), frees of modules never
+// created and trace switching, against a list and the trace lines it predicts.
+TEST(Module, RandomLifecyclesAgreeWithAModel)
 {
-    trace_type_enable(trace_global, QV_TRACE_MODULE);
-    qvmodule *tp = qvmodule_alloc("keepme", 0, nullptr);
-    qvmodule_create(tp);
-    char *data = qvmodule_mem_strdup(tp, "held");
-    qvmodule_flags_set(tp, QVMODULE_FLAG_NO_DELETE | 0x100);
-    qvmodule snapshot = *tp;
-
-    qvmodule_delete(tp);
-    EXPECT_EQ(memcmp(&snapshot, tp, sizeof(qvmodule)), 0);
-    EXPECT_EQ(module_show(), concat(before_, {"keepme"}));
-    EXPECT_EQ(messages().back(), "qvmodule_delete: name:keepme");
-
-    qvmodule_mem_free(tp, data);
-    qvmodule_flags_reset(tp, QVMODULE_FLAG_NO_DELETE);
-    qvmodule_delete(tp);
-    EXPECT_EQ(module_show(), before_);
-    std::vector<std::string> msgs = messages();
-    EXPECT_EQ(msgs, (std::vector<std::string>{
-                        "qvmodule_alloc: name:keepme", "qvmodule_create: name:keepme",
-                        "qvmodule_delete: name:keepme", "qvmodule_delete: name:keepme",
-                        "qvmodule_free: name:keepme"}));
-}
-
-TEST_F(Module, TraceCommandsSwitchOnlyTheModuleBit)
-{
-    qv_ui_init("modtestapp");
+    Trace trace;
+    const char *names[] = {"m0", "m1", "a name of more than forty characters, cut in shows"};
+    qvmodule listener{};
+    listener.qvmodule_name = "listener", listener.qvmodule_socket_domain = AF_INET;
+    listener.qvmodule_socket = 5, listener.qvmodule_flags = ~0u, listener.qvmodule_data = &trace;
+    unsigned cookies = qvmodule_cookie_block->tb_n_alloc;
     trace_type_enable(trace_global, QV_TRACE_LIBEVENT);
-
-    qvmodule *quiet = qvmodule_alloc("quiet", 0, nullptr);
-    EXPECT_EQ(jrpc_invoke_trace("modtestapp", "module", 1), JRPC_SUCCESS);
-    EXPECT_EQ(trace_global->trace_mask, QV_TRACE_LIBEVENT | QV_TRACE_MODULE);
-
-    qvmodule *loud = qvmodule_alloc_accept(quiet, "loud", 0, nullptr);
-    qvmodule_create(loud);
-    qvmodule_delete(loud);
-    EXPECT_EQ(jrpc_invoke_trace("modtestapp", "module", 0), JRPC_SUCCESS);
-    EXPECT_EQ(trace_global->trace_mask, QV_TRACE_LIBEVENT);
-    qvmodule_free(quiet);
-
-    EXPECT_EQ(messages(),
-              (std::vector<std::string>{"qvmodule_alloc: name:loud",
-                                        "qvmodule_alloc_accept: name:quiet, new_name:loud",
-                                        "qvmodule_create: name:loud", "qvmodule_delete: name:loud",
-                                        "qvmodule_free: name:loud"}));
-}
-
-TEST_F(Module, NamesAreCutTo40CharactersInOneSharedBuffer)
-{
-    std::string with_digits;
-    for (int i = 0; i < 60; i++)
-        with_digits += static_cast<char>('0' + i % 10);
-    qvmodule *tp = qvmodule_alloc(with_digits.c_str(), 0, nullptr);
-    qvmodule_create(tp);
-    EXPECT_EQ(module_show().back(), with_digits.substr(0, 40));
-
-    char *first = qvmodule_name(tp);
-    EXPECT_EQ(std::string(first), with_digits.substr(0, 40));
-    char *second = qvmodule_name(nullptr);
-    EXPECT_EQ(first, second);
-    EXPECT_STREQ(first, "(null qvmodule)");
-    qvmodule_delete(tp);
-}
-
-TEST_F(Module, FlagsAndDataAccessors)
-{
-    qvmodule *tp = qvmodule_alloc("flags", 0, nullptr);
-    EXPECT_FALSE(qvmodule_flags_isset(tp, 0x3));
-    qvmodule_flags_set(tp, QVMODULE_FLAG_CONNECT);
-    EXPECT_TRUE(qvmodule_flags_isset(tp, 0x3));
-    qvmodule_flags_set(tp, QVMODULE_FLAG_ACCEPT | 0x80000000u);
-    qvmodule_flags_reset(tp, QVMODULE_FLAG_CONNECT);
-    EXPECT_TRUE(qvmodule_flags_isset(tp, 0x3));
-    EXPECT_FALSE(qvmodule_flags_isset(tp, QVMODULE_FLAG_CONNECT));
-    EXPECT_EQ(qvmodule_flags_get(tp), QVMODULE_FLAG_ACCEPT | 0x80000000u);
-
-    int datum = 0;
-    qvmodule_set_data(tp, &datum);
-    EXPECT_EQ(qvmodule_get_data(tp), &datum);
-
-    qvmodule snapshot = *tp;
-    qvmodule_set_terminate(tp, [](qvmodule *) {});
-    EXPECT_EQ(memcmp(&snapshot, tp, sizeof(qvmodule)), 0);
-    qvmodule_free(tp);
-}
-
-TEST_F(Module, NullNameIsFatal)
-{
-    EXPECT_DEATH(qvmodule_alloc(nullptr, 0, nullptr),
-                 "qv_module.cpp:qvmodule_alloc: assertion \"name\" failed");
-}
-
-// Random creations and deletions, some refused by the no-delete flag,
-// checked against a plain list after every step.
-TEST_F(Module, RandomLifecyclesKeepTheRegistryInCreationOrder)
-{
-    static const char *names[] = {"m0", "m1", "m2", "m3", "m4", "m5", "m6", "m7"};
+    bool on = false;
+    std::string lines;
+    auto note = [&](std::string line) { lines += on ? line + "\n" : ""; };
     std::mt19937 rng(4242);
     std::vector<qvmodule *> model;
-    for (int step = 0; step < 2000; step++) {
-        unsigned op = rng() % 3;
-        if (op == 0 || model.empty()) {
-            qvmodule *tp = qvmodule_alloc(names[rng() % 8], 0, nullptr);
-            if (rng() % 2)
-                qvmodule_mem_malloc(tp, 1 + rng() % 40);
-            qvmodule_create(tp);
-            model.push_back(tp);
-        } else if (op == 1) {
-            size_t k = rng() % model.size();
-            qvmodule *tp = model[k];
-            bool keep = qvmodule_flags_isset(tp, QVMODULE_FLAG_NO_DELETE);
+    for (int step = 0; step < 1000; step++) {
+        unsigned op = rng() % (model.empty() ? 3 : 5);
+        qvmodule *tp = model.empty() ? nullptr : model[rng() % model.size()];
+        std::string tail = tp ? std::string(": name:") + tp->qvmodule_name : "";
+        if (op == 0) {
+            ASSERT_EQ(jrpc_invoke_trace("qvtest", "module", on = !on), JRPC_SUCCESS);
+            ASSERT_EQ(trace_global->trace_mask, QV_TRACE_LIBEVENT | (on ? QV_TRACE_MODULE : 0));
+        } else if (op < 3) { // allocated, then created or freed unregistered
+            const char *name = names[rng() % 3];
+            bool accept = rng() % 2;
+            tp = accept ? qvmodule_alloc_accept(&listener, name, 0, nullptr)
+                        : qvmodule_alloc(name, 0, nullptr);
+            note(std::string("qvmodule_alloc: name:") + name);
+            accept ? note(std::string("qvmodule_alloc_accept: name:listener, new_name:") + name)
+                   : void();
+            // Of the listener only the socket domain is taken over.
+            ASSERT_TRUE(tp->qvmodule_socket == -1 && !tp->qvmodule_flags && !tp->qvmodule_data &&
+                        tp->qvmodule_socket_domain == (accept ? AF_INET : 0) && !tp->qvmodule_forw);
+            qvmodule_mem_malloc(tp, rng() % 40); // size 0 makes only the cookie
+            note((op == 1 ? "qvmodule_create: name:" : "qvmodule_free: name:") + std::string(name));
+            op == 1 ? (qvmodule_create(tp), model.push_back(tp)) : qvmodule_free(tp);
+        } else if (op == 3) { // "any of the bits", of which only the first is ever set
+            bool kept = qvmodule_flags_isset(tp, QVMODULE_FLAG_NO_DELETE | QVMODULE_FLAG_ACCEPT);
+            note("qvmodule_delete" + tail);
+            if (!kept)
+                note("qvmodule_free" + tail), std::erase(model, tp);
+            qvmodule snapshot = *tp;
             qvmodule_delete(tp);
-            if (!keep)
-                model.erase(model.begin() + k);
+            ASSERT_TRUE(!kept || !memcmp(&snapshot, tp, sizeof snapshot)) << "only a trace line";
         } else {
-            qvmodule *tp = model[rng() % model.size()];
-            if (qvmodule_flags_isset(tp, QVMODULE_FLAG_NO_DELETE))
-                qvmodule_flags_reset(tp, QVMODULE_FLAG_NO_DELETE);
-            else
-                qvmodule_flags_set(tp, QVMODULE_FLAG_NO_DELETE);
+            bool set = qvmodule_flags_isset(tp, QVMODULE_FLAG_NO_DELETE);
+            (set ? qvmodule_flags_reset : qvmodule_flags_set)(tp, QVMODULE_FLAG_NO_DELETE | 0x100);
         }
-        ASSERT_TRUE(registry_is_sound()) << "step " << step;
-        std::vector<std::string> expect = before_;
-        for (qvmodule *tp : model)
-            expect.push_back(tp->qvmodule_name);
-        ASSERT_EQ(registry_names(), expect) << "step " << step;
-        ASSERT_EQ(qvmodule_block_index->tb_n_alloc, modules_in_pool_ + model.size());
+        ASSERT_EQ(show("module"), module_show_of(model));
+        ASSERT_EQ(qvmodule_block_index->tb_n_alloc, model.size());
     }
-    EXPECT_EQ(module_show().size(), before_.size() + model.size());
-    for (qvmodule *tp : model) {
-        qvmodule_flags_reset(tp, QVMODULE_FLAG_NO_DELETE);
-        qvmodule_delete(tp);
-    }
+    EXPECT_EQ(jrpc_invoke_trace("qvtest", "module", 0), JRPC_SUCCESS);
+    for (qvmodule *tp : model)
+        qvmodule_flags_reset(tp, QVMODULE_FLAG_NO_DELETE), qvmodule_delete(tp);
+    EXPECT_EQ(qvmodule_cookie_block->tb_n_alloc, cookies) << "cookies go with their modules";
+    // The messages, without time, host and program.
+    EXPECT_EQ(std::regex_replace(qvtest::read_file(trace.path), std::regex(".*]  "), ""), lines);
+    char *first = qvmodule_name(&listener);
+    EXPECT_EQ(qvmodule_name(nullptr), first) << "one shared buffer";
+    EXPECT_STREQ(first, "(null qvmodule)");
 }
 
-// ---------------------------------------------------------------------------
-// qvmodule_quit ends the process, so each case runs in a child.
-
-namespace
+// What ends the process, each in a child: broken invariants, no heap, qvmodule_quit.
+TEST(Module, FatalErrorsHeapExhaustionAndQuitInAChild)
 {
-
-void report_trace_closed()
-{
-    fprintf(stderr, "at exit trace_global is %s\n", trace_global ? "open" : "closed");
-}
-
-void quit_again()
-{
-    qvmodule_quit(0);
-}
-
-// Runs on abort: hands the errno of the moment out as the exit status.
-void exit_with_errno(int)
-{
-    _exit(errno);
-}
-
-} // namespace
-
-TEST_F(Module, QuitWithZeroClosesTheTraceAndExits)
-{
+    Trace trace;
     trace_type_enable(trace_global, QV_TRACE_MODULE);
-    EXPECT_EXIT(
-        {
-            atexit(report_trace_closed);
-            qvmodule_quit(0);
-        },
-        ::testing::ExitedWithCode(0), "at exit trace_global is closed");
-    EXPECT_EQ(messages().back(), "qvmodule_quit:");
-}
-
-TEST_F(Module, QuitWithACodeAbortsWithTheCodeInErrno)
-{
-    EXPECT_EXIT(
-        {
-            signal(SIGABRT, exit_with_errno);
-            qvmodule_quit(22);
-        },
-        ::testing::ExitedWithCode(22), "");
-    EXPECT_EXIT(qvmodule_quit(7), ::testing::KilledBySignal(SIGABRT), "");
-}
-
-TEST_F(Module, QuitCalledTwiceIsFatal)
-{
-    EXPECT_DEATH(
-        {
-            atexit(quit_again);
-            qvmodule_quit(0);
-        },
-        "qv_module.cpp:qvmodule_quit: assertion \"!recursed\" failed");
-}
-
-// ---------------------------------------------------------------------------
-// A freshly started daemon, in a child process.
-
-namespace
-{
-
-void app_module_init()
-{
-    qvmodule *tp = qvmodule_alloc("appmod", 0, nullptr);
-    qvmodule_create(tp);
-    qvmodule_mem_strdup(tp, "hello"); // 6 bytes
-}
-
-std::string text(const char *s)
-{
-    return s ? s : "(null)";
-}
-
-// Name and numbers of each entry of a list whose members are all `key`.
-std::vector<std::pair<std::string, std::vector<double>>> read_list(const cJSON *list,
-                                                                   const char *key)
-{
-    std::vector<std::pair<std::string, std::vector<double>>> out;
-    for (const cJSON *e = list ? list->child : nullptr; e; e = e->next) {
-        EXPECT_STREQ(e->string, key);
-        std::vector<double> numbers;
-        for (const cJSON *n = e->child ? e->child->next : nullptr; n; n = n->next)
-            numbers.push_back(n->valuedouble);
-        out.emplace_back(e->child ? text(e->child->valuestring) : "", numbers);
-    }
-    return out;
-}
-
-void check_fresh_daemon(const std::string &dir)
-{
-    static std::string log = dir + "/freshd.log", pid = dir + "/freshd.pid";
-    static struct app_module mods[] = {{1, "app", app_module_init, nullptr}};
-    static qv_daemon_app_ctx_t ctx{};
-    ctx.log_file_name = log.data();
-    ctx.pid_filename = pid.data();
-    ctx.app_modules = {1, mods};
-    char arg0[] = "/usr/sbin/freshd";
-    char *argv[] = {arg0, nullptr};
-    qv_daemon_init(1, argv, &ctx);
-
-    qv_ui_init("freshd");
-
-    cJSON *shown = nullptr;
-    ASSERT_EQ(jrpc_invoke_show("freshd", "module", &shown), JRPC_SUCCESS);
-    EXPECT_EQ(read_module_show(shown), std::vector<std::string>{"appmod"});
-    cJSON_Delete(shown);
-
-    ASSERT_EQ(jrpc_invoke_show("freshd", "memory", &shown), JRPC_SUCCESS);
-    EXPECT_EQ(keys_of(shown), (std::vector<std::string>{"Block List", "Mem Cookie List"}));
-    auto blocks = read_list(cJSON_GetObjectItem(shown, "Block List"), "Block");
-    auto cookies = read_list(cJSON_GetObjectItem(shown, "Mem Cookie List"), "Cookie");
-    cJSON_Delete(shown);
-
-    // Start-up's pools, in ascending size, with what start-up took from
-    // them; the pool of pool records holds one record per other pool. Pools
-    // of other subsystems stand among them and hold nothing yet.
-    double others = double(blocks.size() - 1);
-    const std::vector<std::pair<std::string, std::vector<double>>> expect = {
-        {"qvmodule_block", {double(sizeof(qvmodule_block_t)), others, others, others, 0}},
-        {"qvmodule_mem_cookies", {double(sizeof(qvmodule_mem_cookie_t)), 2, 2, 2, 0}},
-        {"qvmodule", {double(sizeof(qvmodule)), 1, 1, 1, 0}},
+    static const char name[] = "fatal";
+    const auto abrt = ::testing::KilledBySignal(SIGABRT);
+    using ::testing::ExitedWithCode;
+    const std::tuple<void (*)(), std::function<bool(int)>, const char *> cases[] = {
+        {[] { qvmodule_block_init(32, name), qvmodule_block_init(32, name); }, abrt,
+         "qv_memory.cpp:qvmodule_block_init: assertion \"0\" failed"},
+        {[] { // nothing counted, a failed resize leaves the old block, a pool record is fatal
+             block_t tb = qvmodule_block_init(24, name);
+             qvmodule *tp = qvmodule_alloc(name, 0, nullptr);
+             char *kept = qvmodule_mem_strdup(tp, "still here");
+             qvtest::exhaust_heap();
+             if (qvmodule_block_alloc(tb) || counts(tb) != Counts{24, 0, 0, 0, 0} ||
+                 qvmodule_mem_malloc(tp, 100) || qvmodule_mem_strdup(tp, "x") ||
+                 qvmodule_mem_realloc(tp, kept, 100) || strcmp(kept, "still here") ||
+                 counts(tp->qvmodule_mem_cookie) != Counts{11, 11, 1, 1, 1})
+                 _exit(1);
+             qvmodule_block_init(24, "record");
+         },
+         abrt,
+         "qv_memory.cpp:qvmodule_block_init: assertion \"qvmodule_block_alloc\\(tb\\)\" failed"},
+        {[] { atexit([] { fputs(trace_global ? "open" : "closed", stderr); }), qvmodule_quit(0); },
+         ExitedWithCode(0), "closed"},
+        {[] { signal(SIGABRT, [](int) { _exit(errno); }), qvmodule_quit(22); }, ExitedWithCode(22),
+         ""},
+        {[] { atexit([] { qvmodule_quit(0); }), qvmodule_quit(0); }, abrt,
+         "qv_module.cpp:qvmodule_quit: assertion \"!recursed\" failed"},
     };
-    size_t next = 0;
-    double prev_size = 0;
-    for (const auto &[name, numbers] : blocks) {
-        ASSERT_EQ(numbers.size(), 5u) << name;
-        EXPECT_GE(numbers[0], prev_size) << name;
-        prev_size = numbers[0];
-        if (next < expect.size() && name == expect[next].first)
-            EXPECT_EQ(numbers, expect[next++].second) << name;
-        else
-            EXPECT_EQ(numbers[1], 0) << name;
-    }
-    EXPECT_EQ(next, expect.size()) << "missing or misplaced start-up pools";
-    EXPECT_EQ(cookies, (std::vector<std::pair<std::string, std::vector<double>>>{
-                           {"appmod", {6, 6, 1, 1, 1}}, {"--Anonymous--", {0, 0, 0, 0, 0}}}));
+    for (const auto &[fn, ends, text] : cases)
+        EXPECT_EXIT(fn(), ends, text);
+    EXPECT_NE(qvtest::read_file(trace.path).find("]  qvmodule_quit:\n"), std::string::npos);
 }
 
-} // namespace
-
+// A real daemon, in a child: its fresh shows; a deleted module's timers and jobs go too.
 TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
 {
     qvtest::TempDir dir;
     int status = qvtest::run_in_child([&dir] {
-        check_fresh_daemon(dir.path());
-        return ::testing::Test::HasFailure() ? 1 : 0;
+        static std::string log = dir.file("freshd.log"), pid = dir.file("freshd.pid");
+        static qv_daemon_app_ctx_t ctx{};
+        ctx.log_file_name = log.data(), ctx.pid_filename = pid.data();
+        char arg0[] = "/usr/sbin/freshd", *argv[] = {arg0, nullptr};
+        qv_daemon_init(1, argv, &ctx);
+        qvmodule *tp = qvmodule_alloc("appmod", 0, nullptr);
+        qvmodule_create(tp), qvmodule_mem_strdup(tp, "hello");
+        EXPECT_EQ(show("module"), module_show_of({tp}));
+        std::string mem = show("memory");
+        EXPECT_EQ(mem, memory_show_of_lists());
+        EXPECT_TRUE(mem.ends_with(
+            R"("Cookie":{"Name":"appmod","Max Bytes":6,"Cur Bytes":6,"Max Alloc":1,"Cur Alloc":1,"Calls":1},)"
+            R"("Cookie":{"Name":"--Anonymous--","Max Bytes":0,"Cur Bytes":0,"Max Alloc":0,"Cur Alloc":0,"Calls":0}}})"));
+        auto fail = [](qvmodule_job *) { abort(); };
+        qvmodule_timer_create(
+            tp, "t", 0, 1, 0, [](qvmodule_timer *, time_t) { abort(); }, 0);
+        qvmodule_job_create_foreground(tp, "fg", fail, nullptr);
+        qvmodule_job_create_background(tp, 0, "bg", fail, nullptr);
+        qvmodule_delete(tp);
+        event_base_loop(g_event_base, EVLOOP_NONBLOCK);
+        EXPECT_EQ(counts(qvmodule_timer_block_index)[2] + counts(qvmodule_job_block_index)[2], 0u);
+        return int(::testing::Test::HasFailure());
     });
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "the child's failures are printed above";
-    std::string trace = qvtest::read_file(dir.file("freshd.log"));
-    EXPECT_NE(trace.find("Daemon(freshd) starting"), std::string::npos);
+    EXPECT_EQ(status, 0);
 }

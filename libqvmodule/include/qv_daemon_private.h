@@ -19,16 +19,25 @@ extern const char *qv_gian_lock_last_caller;
 extern int qv_gian_lock_last_caller_line;
 
 /* Holds the giant lock from construction to the end of the scope, so it
- * is released on every path out of the section. */
+ * is released on every path out of the section. Without an installed lock
+ * function both calls would do nothing, so hot paths skip them inline. */
 class QvGiantLockGuard
 {
   public:
-    QvGiantLockGuard(const char *func, int line) noexcept : res_(qv_giant_lock(func, line)) {}
-    ~QvGiantLockGuard() { qv_giant_unlock(res_); }
+    QvGiantLockGuard(const char *func, int line) noexcept
+        : held_(qv_giant_lock_unlock_fn != nullptr), res_(held_ ? qv_giant_lock(func, line) : -1)
+    {
+    }
+    ~QvGiantLockGuard()
+    {
+        if (held_)
+            qv_giant_unlock(res_);
+    }
     QvGiantLockGuard(const QvGiantLockGuard &) = delete;
     QvGiantLockGuard &operator=(const QvGiantLockGuard &) = delete;
 
   private:
+    bool held_;
     int res_;
 };
 

@@ -188,23 +188,14 @@ extern "C" QV_EXPORT void qv_giant_lock_func_init(qv_giant_lock_func fn) noexcep
 
 extern "C" QV_EXPORT int qv_giant_lock(const char *func, int line) noexcept
 {
-    if (qv_giant_lock_unlock_fn == nullptr)
-        return -1;
-    int res = qv_giant_lock_unlock_fn(1, 0);
-    if (res == -1) {
-        qv_gian_lock_last_caller = func;
-        qv_gian_lock_last_caller_line = line;
-    }
-    return res;
+    qv_giant_lock_func fn = qv_giant_lock_unlock_fn;
+    return fn ? qv_giant_lock_take(fn, func, line) : -1;
 }
 
 extern "C" QV_EXPORT void qv_giant_unlock(int lock_res) noexcept
 {
-    if (qv_giant_lock_unlock_fn == nullptr)
-        return;
-    if (lock_res == 0)
-        qv_gian_lock_last_caller = nullptr;
-    qv_giant_lock_unlock_fn(0, lock_res);
+    if (qv_giant_lock_func fn = qv_giant_lock_unlock_fn)
+        qv_giant_lock_release(fn, lock_res);
 }
 
 /* ---------------------------------------------------------------- */

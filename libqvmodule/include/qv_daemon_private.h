@@ -18,20 +18,43 @@ extern qv_giant_lock_func qv_giant_lock_unlock_fn;
 extern const char *qv_gian_lock_last_caller;
 extern int qv_gian_lock_last_caller_line;
 
+/* The lock and unlock steps once a lock function is known to be installed;
+ * the exported calls and the scoped guard below share them. */
+inline int qv_giant_lock_take(qv_giant_lock_func fn, const char *func, int line) noexcept
+{
+    int res = fn(1, 0);
+    if (res == -1) {
+        qv_gian_lock_last_caller = func;
+        qv_gian_lock_last_caller_line = line;
+    }
+    return res;
+}
+
+inline void qv_giant_lock_release(qv_giant_lock_func fn, int lock_res) noexcept
+{
+    if (lock_res == 0)
+        qv_gian_lock_last_caller = nullptr;
+    fn(0, lock_res);
+}
+
 /* Holds the giant lock from construction to the end of the scope, so it
- * is released on every path out of the section. Without an installed lock
- * function both calls would do nothing, so hot paths skip them inline. */
+ * is released on every path out of the section. It sits on every dispatch
+ * and every charged allocation, so it works inline: without an installed
+ * lock function there is nothing to call at all. */
 class QvGiantLockGuard
 {
   public:
     QvGiantLockGuard(const char *func, int line) noexcept
-        : held_(qv_giant_lock_unlock_fn != nullptr), res_(held_ ? qv_giant_lock(func, line) : -1)
     {
+        qv_giant_lock_func fn = qv_giant_lock_unlock_fn;
+        held_ = fn != nullptr;
+        res_ = held_ ? qv_giant_lock_take(fn, func, line) : -1;
     }
     ~QvGiantLockGuard()
     {
-        if (held_)
-            qv_giant_unlock(res_);
+        qv_giant_lock_func fn = qv_giant_lock_unlock_fn;
+        if (held_ && fn != nullptr)
+            qv_giant_lock_release(fn, res_);
     }
     QvGiantLockGuard(const QvGiantLockGuard &) = delete;
     QvGiantLockGuard &operator=(const QvGiantLockGuard &) = delete;

@@ -78,8 +78,6 @@ void open_trace_file(qv_daemon_app_ctx_t *ctx)
         refuse_trace_file(ctx->log_file_name);
     fclose(probe);
     trace_global = trace_file_open(ctx->log_file_name, ctx->log_file_size, ctx->log_file_count);
-    if (trace_global == nullptr)
-        refuse_trace_file(ctx->log_file_name);
 }
 
 void init_subsystems()

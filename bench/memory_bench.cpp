@@ -5,6 +5,12 @@
 // freed at once, batches of 10,000 freed in order, and batches freed in a
 // fixed random order.
 //
+// A fifth variant, "bare", is the accounting written out in the benchmark
+// itself: calloc of the size and its 4-byte header, the header, and the
+// cookie's five counters with their floor and high-water marks, without the
+// library's calls, cookie lookup or lock check. It shows what the counting
+// alone costs over calloc+free, whoever implements it.
+//
 // Every benchmark alternates rounds of its variant with rounds of
 // calloc+free, so the anchor is measured in the same run and under the same
 // conditions; the reported time is the variant's, and the counters give the
@@ -13,6 +19,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -71,9 +78,45 @@ struct Pool {
     void release(void *p) const { qvmodule_block_free(tb, p); }
 };
 
+struct BareCounts {
+    uint32_t n_bytes, max_bytes, n_alloc, max_alloc, n_calls;
+} bare_counts;
+
+[[gnu::noinline]] void *bare_alloc(size_t n)
+{
+    auto *hdr = static_cast<uint32_t *>(calloc(1, n + 4));
+    if (hdr == nullptr)
+        return nullptr;
+    BareCounts &c = bare_counts;
+    c.n_bytes += uint32_t(n);
+    c.max_bytes = std::max(c.max_bytes, c.n_bytes);
+    c.n_alloc++;
+    c.max_alloc = std::max(c.max_alloc, c.n_alloc);
+    c.n_calls++;
+    *hdr = uint32_t(n);
+    return hdr + 1;
+}
+
+[[gnu::noinline]] void bare_free(void *p)
+{
+    uint32_t *hdr = static_cast<uint32_t *>(p) - 1;
+    BareCounts &c = bare_counts;
+    c.n_bytes -= std::min(c.n_bytes, *hdr);
+    c.n_alloc -= std::min(c.n_alloc, 1u);
+    c.n_calls++;
+    free(hdr);
+}
+
+struct Bare {
+    size_t n;
+    explicit Bare(size_t size) : n(size) {}
+    void *alloc() const { return bare_alloc(n); }
+    void release(void *p) const { bare_free(p); }
+};
+
 enum Pattern { kSingle, kInOrder, kRandom };
 const char *const kPatternNames[] = {"single", "batch_in_order", "batch_random"};
-const char *const kVariantNames[] = {"malloc", "cookie_module", "cookie_anon", "pool"};
+const char *const kVariantNames[] = {"malloc", "cookie_module", "cookie_anon", "pool", "bare"};
 
 // One round of a pattern; returns its duration in nanoseconds.
 template <class A> double round_ns(const A &a, Pattern pattern, std::vector<void *> &held)
@@ -167,8 +210,8 @@ class RatioReporter : public benchmark::ConsoleReporter
     {
         printf("\nTime per allocation+free as a ratio to calloc+free of the same pattern and "
                "size, measured alternately in the same benchmark (medians):\n");
-        printf("%-16s %5s %11s %8s %14s %12s %8s\n", "pattern", "size", "calloc(ns)", "malloc",
-               "cookie_module", "cookie_anon", "pool");
+        printf("%-16s %5s %11s %8s %14s %12s %8s %8s\n", "pattern", "size", "calloc(ns)", "malloc",
+               "cookie_module", "cookie_anon", "pool", "bare");
         for (const char *pattern : kPatternNames)
             for (size_t size : kSizes) {
                 auto key = [&](const char *variant) {
@@ -181,9 +224,9 @@ class RatioReporter : public benchmark::ConsoleReporter
                 auto anchor = anchor_.find(key("cookie_module"));
                 if (anchor == anchor_.end())
                     continue;
-                printf("%-16s %5zu %11.2f %8.3f %14.3f %12.3f %8.3f\n", pattern, size,
+                printf("%-16s %5zu %11.2f %8.3f %14.3f %12.3f %8.3f %8.3f\n", pattern, size,
                        anchor->second, ratio("malloc"), ratio("cookie_module"),
-                       ratio("cookie_anon"), ratio("pool"));
+                       ratio("cookie_anon"), ratio("pool"), ratio("bare"));
             }
     }
 
@@ -212,6 +255,7 @@ int main(int argc, char **argv)
     register_variant<ModuleCookie>(kVariantNames[1]);
     register_variant<AnonCookie>(kVariantNames[2]);
     register_variant<Pool>(kVariantNames[3]);
+    register_variant<Bare>(kVariantNames[4]);
 
     // Repeated by default, so that the table shows medians, in short runs
     // since each benchmark times its anchor as well.

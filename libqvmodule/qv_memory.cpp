@@ -33,28 +33,34 @@ const char kAnonymousName[] = "--Anonymous--";
 // The largest request whose size and header still fit the 32-bit header.
 constexpr size_t kMaxRequest = UINT32_MAX - QV_MEM_HEADER_SIZE;
 
-// Clears a block of at most 128 bytes with a few stores of fixed size,
-// overlapping where n is not a multiple, instead of a call to memset: at
-// these sizes the call costs more than the stores. On blocks whose lines
-// are cold it is the number of stores that costs, not their width.
-[[gnu::always_inline]] inline void zero_small(void *mem, size_t n)
+// Stores n bytes of zeros, except that the first four hold head (n is at
+// least 4 when head is not zero). A block of at most 128 bytes gets a few
+// stores of fixed size, overlapping where n is not a multiple, instead of a
+// call to memset, which costs more at these sizes. On blocks whose lines
+// are cold it is the number of stores that costs, not their width, so the
+// head goes out with the first store, which is made last since the others
+// may overlap it.
+[[gnu::always_inline]] inline void clear_block(void *mem, size_t n, uint32_t head)
 {
     auto *p = static_cast<unsigned char *>(mem);
+    // The first 16 bytes as one vector, so they are one store.
+    using Head16 = uint32_t __attribute__((vector_size(16)));
     if (n > 128) {
         memset(p, 0, n);
-    } else if (n > 16) {
-        memset(p, 0, 16);
+        memcpy(p, &head, sizeof head);
+    } else if (n >= 16) {
+        memset(p + n - 16, 0, 16);
         for (size_t i = 16; i + 16 < n; i += 16)
             memset(p + i, 0, 16);
-        memset(p + n - 16, 0, 16);
-    } else if (n == 16) {
-        memset(p, 0, 16);
+        Head16 first = {head, 0, 0, 0};
+        memcpy(p, &first, sizeof first);
     } else if (n >= 8) {
-        memset(p, 0, 8);
         memset(p + n - 8, 0, 8);
+        uint32_t first[2] = {head, 0};
+        memcpy(p, first, sizeof first);
     } else if (n >= 4) {
-        memset(p, 0, 4);
         memset(p + n - 4, 0, 4);
+        memcpy(p, &head, sizeof head);
     } else {
         for (size_t i = 0; i < n; i++)
             p[i] = 0;
@@ -68,16 +74,22 @@ constexpr size_t kMaxRequest = UINT32_MAX - QV_MEM_HEADER_SIZE;
 // order, lost more on blocks freed in order than it won there.)
 constexpr size_t kSmallBlock = 1024;
 
-[[gnu::always_inline]] inline void *zalloc(size_t n)
+// A block of n bytes from the heap, cleared but for its first four bytes,
+// which hold head.
+[[gnu::always_inline]] inline void *zalloc(size_t n, uint32_t head = 0)
 {
-    if (n > kSmallBlock)
-        return calloc(1, n);
+    if (n > kSmallBlock) {
+        void *mem = calloc(1, n);
+        if (mem)
+            memcpy(mem, &head, sizeof head);
+        return mem;
+    }
     void *mem = malloc(n);
     // Hides the pointer's origin from the compiler, which would otherwise
     // fold the malloc and the clearing back into a calloc.
     asm("" : "+r"(mem));
     if (mem)
-        zero_small(mem, n);
+        clear_block(mem, n, head);
     return mem;
 }
 
@@ -159,6 +171,11 @@ qvmodule_mem_cookie_t *qvmodule_mem_cookie_alloc(const char *name, qvmodule *tp)
 namespace
 {
 
+[[gnu::noinline]] qvmodule_mem_cookie_t *first_cookie(qvmodule *tp) noexcept
+{
+    return tp->qvmodule_mem_cookie = qvmodule_mem_cookie_alloc(tp->qvmodule_name, tp);
+}
+
 // The paths of every allocation and free are inlined into the public
 // functions; the named private functions below wrap them.
 [[gnu::always_inline]] inline qvmodule_mem_cookie_t *cookie_for(qvmodule *tp)
@@ -166,7 +183,7 @@ namespace
     if (tp == nullptr)
         return qvmodule_cookie_anon;
     if (tp->qvmodule_mem_cookie == nullptr) [[unlikely]]
-        tp->qvmodule_mem_cookie = qvmodule_mem_cookie_alloc(tp->qvmodule_name, tp);
+        return first_cookie(tp);
     return tp->qvmodule_mem_cookie;
 }
 
@@ -193,12 +210,10 @@ namespace
 // The counting of one allocation and one free. Without a lock function
 // installed they run inline; with one, out of line under the lock, which
 // keeps the lock's calls and registers off the common path.
-[[gnu::always_inline]] inline void count_alloc(qvmodule_mem_cookie_t *tmc, uint32_t *hdr,
-                                               uint32_t size)
+[[gnu::always_inline]] inline void count_alloc(qvmodule_mem_cookie_t *tmc, uint32_t size)
 {
     inc_stats(tmc, size, 1);
     tmc->tmc_n_func_calls++;
-    *hdr = size;
 }
 
 [[gnu::always_inline]] inline void count_free(qvmodule_mem_cookie_t *tmc, uint32_t size)
@@ -207,17 +222,19 @@ namespace
     tmc->tmc_n_func_calls++;
 }
 
-[[gnu::noinline]] void count_alloc_locked(qvmodule_mem_cookie_t *tmc, uint32_t *hdr,
-                                          uint32_t size) noexcept
+[[gnu::noinline]] void count_alloc_locked(qvmodule_mem_cookie_t *tmc, uint32_t size) noexcept
 {
     QvGiantLockGuard lock("qvmodule_cookie_malloc", __LINE__);
-    count_alloc(tmc, hdr, size);
+    count_alloc(tmc, size);
 }
 
-[[gnu::noinline]] void count_free_locked(qvmodule_mem_cookie_t *tmc, uint32_t *hdr) noexcept
+[[gnu::noinline]] void free_counted_locked(qvmodule_mem_cookie_t *tmc, uint32_t *hdr) noexcept
 {
-    QvGiantLockGuard lock("qvmodule_cookie_free", __LINE__);
-    count_free(tmc, *hdr);
+    {
+        QvGiantLockGuard lock("qvmodule_cookie_free", __LINE__);
+        count_free(tmc, *hdr);
+    }
+    free(hdr);
 }
 
 [[gnu::always_inline]] inline void_t charged_malloc(qvmodule_mem_cookie_t *tmc, size_t size)
@@ -226,13 +243,16 @@ namespace
     // one unsigned comparison refuses 0 as well.
     if (size - 1 >= kMaxRequest)
         return nullptr;
-    auto *hdr = static_cast<uint32_t *>(zalloc(size + QV_MEM_HEADER_SIZE));
+    // The header is written with the clearing, before the counting: the
+    // block is nobody else's until it is returned.
+    auto n = static_cast<uint32_t>(size);
+    auto *hdr = static_cast<uint32_t *>(zalloc(size + QV_MEM_HEADER_SIZE, n));
     if (hdr == nullptr)
         return nullptr;
     if (qv_giant_lock_unlock_fn != nullptr) [[unlikely]]
-        count_alloc_locked(tmc, hdr, static_cast<uint32_t>(size));
+        count_alloc_locked(tmc, n);
     else
-        count_alloc(tmc, hdr, static_cast<uint32_t>(size));
+        count_alloc(tmc, n);
     return hdr + 1;
 }
 
@@ -242,9 +262,8 @@ namespace
     // Counted before the heap call, which then ends the function; nothing
     // outside can tell the two orders apart.
     if (qv_giant_lock_unlock_fn != nullptr) [[unlikely]]
-        count_free_locked(tmc, hdr);
-    else
-        count_free(tmc, *hdr);
+        return free_counted_locked(tmc, hdr);
+    count_free(tmc, *hdr);
     free(hdr);
 }
 

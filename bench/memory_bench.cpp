@@ -9,7 +9,7 @@
 // itself: calloc of the size and its 4-byte header, the header, and the
 // cookie's five counters with their floor and high-water marks, without the
 // library's calls, cookie lookup or lock check. It shows what the counting
-// alone costs over calloc+free, whoever implements it.
+// alone adds to calloc+free.
 //
 // Every benchmark alternates rounds of its variant with rounds of
 // calloc+free, so the anchor is measured in the same run and under the same

@@ -43,8 +43,6 @@ constexpr size_t kMaxRequest = UINT32_MAX - QV_MEM_HEADER_SIZE;
 [[gnu::always_inline]] inline void clear_block(void *mem, size_t n, uint32_t head)
 {
     auto *p = static_cast<unsigned char *>(mem);
-    // The first 16 bytes as one vector, so they are one store.
-    using Head16 = uint32_t __attribute__((vector_size(16)));
     if (n > 128) {
         memset(p, 0, n);
         memcpy(p, &head, sizeof head);
@@ -52,6 +50,8 @@ constexpr size_t kMaxRequest = UINT32_MAX - QV_MEM_HEADER_SIZE;
         memset(p + n - 16, 0, 16);
         for (size_t i = 16; i + 16 < n; i += 16)
             memset(p + i, 0, 16);
+        // The first 16 bytes as one vector, so that they are one store.
+        using Head16 = uint32_t __attribute__((vector_size(16)));
         Head16 first = {head, 0, 0, 0};
         memcpy(p, &first, sizeof first);
     } else if (n >= 8) {

@@ -87,6 +87,7 @@ void init_subsystems()
     qvmodule_init();
     qvmodule_timer_init();
     qvmodule_job_init();
+    qvmodule_signal_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)
@@ -123,6 +124,8 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
     if (gethostname(hostname, sizeof(hostname)) != 0)
         exit(0);
     daemon_app_ctx = ctx;
+    if (do_daemon)
+        qv_daemon_daemonize();
     daemon_pid = getpid();
 
     default_trace_settings(ctx);
@@ -130,6 +133,7 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
     trace_cb(trace_global, TRUE, LOG_INFO, "%s: Daemon(%s) starting", "qv_daemon_init", progname);
     openlog(progname, LOG_PID | LOG_NDELAY, LOG_DAEMON);
     setlogmask(LOG_UPTO(LOG_INFO));
+    qv_daemon_pid_open();
 
     umask(022);
     if (chdir("/var/tmp/") != 0) {

@@ -91,6 +91,7 @@ extern "C" QV_EXPORT void qvmodule_quit(int code) noexcept
     if (trace_type_is_enabled(trace_global, QV_TRACE_MODULE))
         trace_cb(trace_global, TRUE, -1, "%s:", __func__);
 
+    qv_daemon_pid_close();
     trace_file_close(trace_global);
     trace_global = nullptr;
     if (code == 0)

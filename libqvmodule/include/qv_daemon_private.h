@@ -7,6 +7,13 @@
 
 void qv_libevent_trace_fn(int severity, const char *msg) noexcept;
 
+/* Start-up steps: the double fork, and taking the pid lock file (nothing
+ * when the context names none). */
+void qv_daemon_daemonize() noexcept;
+void qv_daemon_pid_open() noexcept;
+/* The locked pid file's descriptor; -1 when none is open. */
+extern int daemon_pid_fd;
+
 /* The body of every trace on/off command: sets or clears one bit of
  * trace_global's mask. */
 jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept;

@@ -3,6 +3,7 @@
 #ifndef QV_DAEMON_H
 #define QV_DAEMON_H
 
+#include <signal.h>
 #include <stdint.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -29,6 +30,10 @@ struct app_module {
 
 typedef struct qv_daemon_app_ctx {
     char *daemon_name;
+    /* Path of the pid lock file; "%%" in it stands for "%", any other "%"
+     * is taken literally. A relative path is taken from the working
+     * directory at start-up. Null: no pid file at all, no lock taken and
+     * nothing removed at quit. */
     char *pid_filename;
     char *log_file_name;
     const char *args_daemon_description;
@@ -61,6 +66,10 @@ QV_EXPORT void qv_daemon_json_event_hndl(int flag) QV_NOEXCEPT;
 QV_EXPORT struct event_base *qv_get_global_event_base(void) QV_NOEXCEPT;
 QV_EXPORT char *qv_daemon_get_progname(void) QV_NOEXCEPT;
 QV_EXPORT char *qv_daemon_get_hostname(void) QV_NOEXCEPT;
+/* Removes the pid file and then releases its lock. Only the process whose
+ * pid the file holds removes it; in any other (a forked child) the
+ * descriptor is just closed. Nothing without an open pid file. */
+QV_EXPORT void qv_daemon_pid_close(void) QV_NOEXCEPT;
 
 /* ------------------------------------------------------------------ */
 /* Giant lock                                                          */
@@ -73,6 +82,63 @@ QV_EXPORT void qv_giant_lock_func_init(qv_giant_lock_func fn) QV_NOEXCEPT;
 /* Returns the lock function's result, or -1 when none is installed. */
 QV_EXPORT int qv_giant_lock(const char *func, int line) QV_NOEXCEPT;
 QV_EXPORT void qv_giant_unlock(int lock_res) QV_NOEXCEPT;
+
+/* ------------------------------------------------------------------ */
+/* Signals                                                             */
+
+#define QVMODULE_SIGNAL_MAX 32
+
+/* A signal taken through the event loop; fd and signo both carry the
+ * signal number. */
+typedef void (*qvmodule_signal_func)(int fd, int signo);
+typedef void (*qvmodule_sig_handler)(int signo);
+#if defined(_POSIX_C_SOURCE) && _POSIX_C_SOURCE >= 199309L
+typedef void (*qvmodule_sig_sigaction)(int signo, siginfo_t *info, void *context);
+#else
+/* Strict ISO C declares no siginfo_t. This stand-in keeps the record's
+ * layout and the calls as they are; define _POSIX_C_SOURCE to write a
+ * three-argument action. */
+struct qvmodule_siginfo_unavailable;
+typedef void (*qvmodule_sig_sigaction)(int signo, struct qvmodule_siginfo_unavailable *info,
+                                       void *context);
+#endif
+
+typedef struct qvmodule_signal_ {
+    int sig_sig; /* 0: entry not used yet */
+    const char *sig_name;
+    struct event *sig_event;
+    qvmodule_signal_func sig_func;
+    qvmodule_sig_handler sig_handler;
+    qvmodule_sig_sigaction sig_sigaction;
+    boolean sig_kevent_disabled;
+} qvmodule_signal;
+
+/* Registrations in order; entries are never released. */
+QV_EXPORT extern qvmodule_signal qvmodule_signals[QVMODULE_SIGNAL_MAX];
+QV_EXPORT extern uint8_t sig_count;
+
+/* Each signal is registered once, by one of the two registrations; a
+ * second registration or a 33rd one is fatal. */
+
+/* Calls func from the event loop, under the giant lock. */
+QV_EXPORT void qvmodule_signal_register_kevent(int signo, qvmodule_signal_func func) QV_NOEXCEPT;
+/* Stops the calls. The signal then has its default action again until it
+ * is re-enabled: a SIGTERM that arrives meanwhile ends the daemon. */
+QV_EXPORT void qvmodule_signal_disable_kevent(int signo) QV_NOEXCEPT;
+QV_EXPORT void qvmodule_signal_reenable_kevent(int signo) QV_NOEXCEPT;
+/* Installs exactly one of the two with sigaction (SA_RESTART, plus
+ * SA_SIGINFO for the three-argument form); it runs in signal context,
+ * without the giant lock. */
+QV_EXPORT void qvmodule_signal_register_action(int signo, qvmodule_sig_handler sig_handler,
+                                               qvmodule_sig_sigaction sig_sigaction) QV_NOEXCEPT;
+/* Ignores sig; a failure goes to syslog and ends the process with 0. */
+QV_EXPORT void qvmodule_signal_ignore(int sig) QV_NOEXCEPT;
+/* libc's description of sig; "Real-time signal" for a real-time signal,
+ * "Unknown signal" outside 1 to 64. */
+QV_EXPORT const char *qvmodule_signame(int sig) QV_NOEXCEPT;
+/* Start-up: writing to a closed peer fails with EPIPE instead of ending
+ * the daemon. */
+QV_EXPORT void qvmodule_signal_init(void) QV_NOEXCEPT;
 
 /* ------------------------------------------------------------------ */
 /* Management commands                                                 */

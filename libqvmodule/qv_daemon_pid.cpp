@@ -28,6 +28,7 @@ namespace
 
 constexpr size_t kPathMax = 4096;
 constexpr size_t kPidTextMax = 2048;
+constexpr int kLockAttempts = 8;
 
 // The path the lock was taken at, made absolute: start-up changes the
 // working directory afterwards, and quit must remove the same file.
@@ -124,15 +125,15 @@ void report_lock_holder(int fd, const char *filename, int err)
 // alive; never through a symbolic link planted at the path.
 int qv_daemon_lockfile_open(const char *filename)
 {
-    for (;;) {
+    for (int attempt = 1;; attempt++) {
         int fd = open(filename, O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC | O_NOFOLLOW, 0644);
         if (fd < 0)
             refuse_open(filename, errno);
         if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
-            if (names_file(filename, fd))
-                return fd;
             // Removed by a copy on its way out between our open and lock:
-            // lock the file that the path names now.
+            // lock the file that the path names now, but never spin.
+            if (names_file(filename, fd) || attempt == kLockAttempts)
+                return fd;
             close(fd);
             continue;
         }

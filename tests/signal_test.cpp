@@ -1,63 +1,89 @@
-// Signals, with real signals, each case in a child process: registrations
-// are never released and the table has 32 entries.
+// Signals, daemonizing and the pid lock file, with real signals and real
+// copies of a daemon, each in a child process: signal registrations are
+// never released, and start-up runs once per process.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <sched.h>
-#include <signal.h>
+#include <stdarg.h>
 #include <string.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 
 #include <regex>
-#include <string>
+#include <set>
 
 #include "qv_daemon_private.h"
 #include "qv_signal_private.h"
-#include "qv_test_syslog.h"
 #include "qv_test_util.h"
 
 using qvtest::read_file;
-using qvtest::run_in_child;
-using qvtest::TempDir;
+
+// The library's syslog messages go to the file named by QV_TEST_SYSLOG as
+// "priority|message" lines: this vsyslog takes libc's place for the
+// statically linked library.
+extern "C" void vsyslog(int priority, const char *fmt, va_list ap)
+{
+    char msg[4096];
+    vsnprintf(msg, sizeof(msg), fmt, ap);
+    const char *out = getenv("QV_TEST_SYSLOG");
+    if (FILE *f = out ? fopen(out, "a") : nullptr)
+        fprintf(f, "%d|%s\n", priority, msg), fclose(f);
+}
 
 namespace
 {
 
-int exit_code(int status)
+int in_child(const std::function<int()> &fn)
 {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    int st = qvtest::run_in_child(fn);
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
-// Starts a daemon in the calling child, its files in dir, without a pid file.
-void start_daemon(const TempDir &dir)
+std::string pid_text(pid_t pid)
 {
-    static std::string trace, syslog;
-    static qv_daemon_app_ctx_t ctx{};
-    trace = dir.file("sigd.log"), syslog = dir.file("syslog");
-    ctx.log_file_name = trace.data();
-    setenv("QV_TEST_SYSLOG", syslog.c_str(), 1);
-    char a0[] = "sigd", *argv[] = {a0, nullptr};
-    qv_daemon_init(1, argv, &ctx);
+    return std::to_string(pid) + "\n";
 }
+
+// A daemon's files in a fresh directory; start() runs start-up in the
+// calling process.
+struct Daemon {
+    qvtest::TempDir dir;
+    std::string trace = dir.file("d.log"), syslog = dir.file("syslog"), pid = dir.file("d.pid");
+    qv_daemon_app_ctx_t ctx{};
+
+    explicit Daemon(bool pid_file = true)
+    {
+        ctx.log_file_name = trace.data();
+        ctx.pid_filename = pid_file ? pid.data() : nullptr;
+    }
+    void start()
+    {
+        setenv("QV_TEST_SYSLOG", syslog.c_str(), 1);
+        char a0[] = "/usr/sbin/sigd", *argv[] = {a0, nullptr};
+        qv_daemon_init(1, argv, &ctx);
+    }
+    std::string last_syslog() const
+    {
+        auto lines = qvtest::read_lines(syslog);
+        return lines.empty() ? "" : lines.back();
+    }
+};
 
 // A re-entrant lock that checks every unlock against its lock.
 struct Lock {
     static inline int depth = 0, wrong = 0;
-    static int fn(int lock, int res)
-    {
-        if (lock)
-            return ++depth;
-        wrong += res != depth--;
-        return 0;
-    }
+    static int fn(int lock, int res) { return lock ? ++depth : (wrong += res != depth--, 0); }
 };
 
-struct Delivery {
+struct {
     int calls, fd, signo, depth;
 } seen;
 
-// Disables its own registration, which takes the lock once more inside.
+// Disables its own registration, which takes the lock once more.
 void deliver(int fd, int signo)
 {
     seen = {seen.calls + 1, fd, signo, Lock::depth};
@@ -65,32 +91,33 @@ void deliver(int fd, int signo)
     event_base_loopbreak(g_event_base);
 }
 
-TEST(Signal, KernelEventsArriveFromTheLoopUnderTheLockUntilDisabled)
+TEST(Signal, KernelEventsComeFromTheLoopUnderTheLockUntilDisabled)
 {
-    TempDir dir;
-    int st = run_in_child([&] {
+    Daemon d(false);
+    int res = in_child([&] {
         alarm(60); // a lost delivery fails the case instead of hanging it
-        start_daemon(dir);
+        d.start();
+        int sv[2]; // a write to a closed peer fails instead of ending the daemon
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0 || close(sv[1]) != 0 ||
+            write(sv[0], "x", 1) != -1 || errno != EPIPE || daemon_pid_fd != -1)
+            return 1;
         qv_giant_lock_func_init(Lock::fn);
         qvmodule_signal_register_kevent(SIGUSR1, deliver);
-        const qvmodule_signal &e = qvmodule_signals[0];
-        if (sig_count != 1 || e.sig_sig != SIGUSR1 || e.sig_func != deliver || !e.sig_event)
-            return 1;
-        qvmodule_signal_disable_kevent(SIGUSR2); // not registered: nothing happens
+        qvmodule_signal_disable_kevent(SIGUSR2); // not registered: no effect
         for (int round = 1; round <= 2; round++) {
             raise(SIGUSR1);
             qv_daemon_loop();
             if (seen.calls != round || seen.fd != SIGUSR1 || seen.signo != SIGUSR1 ||
-                seen.depth != 1 || Lock::depth != 0 || Lock::wrong != 0 || !e.sig_kevent_disabled)
+                seen.depth != 1 || Lock::depth || Lock::wrong ||
+                !qvmodule_signals[0].sig_kevent_disabled)
                 return 10 + round;
             if (round == 1)
                 qvmodule_signal_reenable_kevent(SIGUSR1);
         }
-        // Disabled: the default action is back, and it ends the process.
-        raise(SIGUSR1);
+        raise(SIGUSR1); // disabled: the default action is back
         return 2;
     });
-    EXPECT_EQ(exit_code(st), 128 + SIGUSR1);
+    EXPECT_EQ(res, 128 + SIGUSR1);
 }
 
 void never(int, int)
@@ -98,61 +125,52 @@ void never(int, int)
     _exit(5);
 }
 
-// A delivery that reaches a disabled registration goes back to the daemon's
-// own pid, and never to a pid below 1 (a process group, or every process).
-TEST(Signal, ADisabledRegistrationResendsOnlyToTheDaemonsPid)
+void disabled_delivery(std::initializer_list<int> pids)
 {
-    int st = run_in_child([] {
-        g_event_base = event_base_new();
-        daemon_pid = getpid();
-        qvmodule_signal_register_kevent(SIGUSR1, never);
-        qvmodule_signal_disable_kevent(SIGUSR1);
+    g_event_base = event_base_new();
+    qvmodule_signal_register_kevent(SIGUSR1, never);
+    qvmodule_signal_disable_kevent(SIGUSR1);
+    for (int pid : pids) {
+        daemon_pid = pid;
         qvmodule_signal_event_cb(SIGUSR1, EV_SIGNAL, &qvmodule_signals[0]);
-        return 2;
-    });
-    EXPECT_EQ(exit_code(st), 128 + SIGUSR1);
+    }
+}
 
-    // In a pid namespace of its own, where kill(-1) would reach a witness
-    // process and nothing outside. Its first process is the namespace's init,
-    // which its own namespace cannot signal, so the check runs in a child.
-    auto check = [] {
-        setpgid(0, 0);
-        sigset_t usr1;
-        sigemptyset(&usr1);
-        sigaddset(&usr1, SIGUSR1);
-        sigprocmask(SIG_BLOCK, &usr1, nullptr);
-        int go[2];
-        if (pipe(go) != 0)
-            return 3;
-        pid_t witness = fork();
-        if (witness == 0) {
-            char c;
-            sigset_t pending;
-            (void)!read(go[0], &c, 1);
-            sigpending(&pending);
-            _exit(sigismember(&pending, SIGUSR1) ? 4 : 0);
-        }
-        sigprocmask(SIG_UNBLOCK, &usr1, nullptr);
-        g_event_base = event_base_new();
-        qvmodule_signal_register_kevent(SIGUSR1, never);
-        qvmodule_signal_disable_kevent(SIGUSR1);
-        for (int pid : {-1, 0}) {
-            daemon_pid = pid;
-            qvmodule_signal_event_cb(SIGUSR1, EV_SIGNAL, &qvmodule_signals[0]);
-        }
-        (void)!write(go[1], "x", 1);
-        int ws = 0;
-        waitpid(witness, &ws, 0);
-        return exit_code(ws);
-    };
-    st = run_in_child([&] {
+// A delivery that finds its registration disabled goes back to the daemon,
+// and never to a pid below 1 (a process group, or every process).
+TEST(Signal, ADisabledDeliveryGoesOnlyToTheDaemonsPid)
+{
+    EXPECT_EQ(in_child([] { return disabled_delivery({getpid()}), 2; }), 128 + SIGUSR1);
+
+    // In a pid namespace of its own, so that nothing outside can be hit: a
+    // witness in the same process group shows any signal sent there.
+    int res = in_child([] {
         if (unshare(CLONE_NEWPID) != 0)
             return 77;
-        return exit_code(run_in_child([&] { return exit_code(run_in_child(check)); }));
+        return in_child([] {
+            setpgid(0, 0);
+            sigset_t usr1, pending;
+            sigemptyset(&usr1), sigaddset(&usr1, SIGUSR1);
+            sigprocmask(SIG_BLOCK, &usr1, nullptr);
+            int go[2];
+            if (pipe(go) != 0)
+                return 3;
+            if (fork() == 0) {
+                char c;
+                (void)!read(go[0], &c, 1);
+                sigpending(&pending);
+                _exit(sigismember(&pending, SIGUSR1) ? 4 : 0);
+            }
+            disabled_delivery({-1, 0});
+            (void)!write(go[1], "x", 1);
+            int st;
+            wait(&st);
+            return WIFEXITED(st) ? WEXITSTATUS(st) : 5;
+        });
     });
-    if (exit_code(st) == 77)
+    if (res == 77)
         GTEST_SKIP() << "no pid namespace here";
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(res, 0);
 }
 
 int plain_calls;
@@ -166,149 +184,208 @@ void with_info(int, siginfo_t *info, void *)
     info_seen = *info;
 }
 
-TEST(Signal, ActionsRunInSignalContextWithTheirFlags)
+TEST(Signal, ActionsRunAtOnceWithTheirFlags)
 {
-    int st = run_in_child([] {
+    int res = in_child([] {
         qvmodule_signal_register_action(SIGUSR1, plain, nullptr);
         qvmodule_signal_register_action(SIGUSR2, nullptr, with_info);
         struct sigaction a1, a2;
-        sigaction(SIGUSR1, nullptr, &a1);
-        sigaction(SIGUSR2, nullptr, &a2);
+        sigaction(SIGUSR1, nullptr, &a1), sigaction(SIGUSR2, nullptr, &a2);
         const int both = SA_RESTART | SA_SIGINFO;
-        if ((a1.sa_flags & both) != SA_RESTART || a1.sa_handler != plain ||
-            (a2.sa_flags & both) != both || a2.sa_sigaction != with_info)
-            return 1;
         const qvmodule_signal *e = qvmodule_signals;
-        if (sig_count != 2 || e[0].sig_handler != plain || e[0].sig_sigaction || e[0].sig_event ||
-            e[1].sig_sig != SIGUSR2 || e[1].sig_sigaction != with_info || e[1].sig_handler)
-            return 2;
+        if ((a1.sa_flags & both) != SA_RESTART || (a2.sa_flags & both) != both || sig_count != 2 ||
+            e[0].sig_handler != plain || e[0].sig_event || e[1].sig_sig != SIGUSR2 ||
+            e[1].sig_sigaction != with_info)
+            return 1;
         raise(SIGUSR1);
         sigqueue(getpid(), SIGUSR2, sigval{.sival_int = 42});
-        bool ok = plain_calls == 1 && info_seen.si_signo == SIGUSR2 &&
-                  info_seen.si_code == SI_QUEUE && info_seen.si_value.sival_int == 42 &&
-                  info_seen.si_pid == getpid();
-        return ok ? 0 : 3;
+        bool ok =
+            plain_calls == 1 && info_seen.si_code == SI_QUEUE && info_seen.si_value.sival_int == 42;
+        return ok ? 0 : 2;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(res, 0);
 }
 
-void base()
+// SIGUSR1 through the loop, then real-time signals by action.
+void fill_table(int n)
 {
     g_event_base = event_base_new();
-}
-
-void fill_table()
-{
-    qvmodule_signal_register_action(SIGUSR1, plain, nullptr);
-    for (int i = 0; i < 31; i++)
+    qvmodule_signal_register_kevent(SIGUSR1, never);
+    for (int i = 0; i < n - 1; i++)
         qvmodule_signal_register_action(SIGRTMIN + i, plain, nullptr);
-    if (sig_count != 32)
+    if (sig_count != n)
         _exit(3);
-}
-
-std::string quoted(const std::string &s)
-{
-    return std::regex_replace(s, std::regex(R"([()*.&|\\])"), R"(\$&)");
 }
 
 TEST(SignalDeathTest, MisuseIsFatal)
 {
-    struct Case {
-        void (*call)();
-        const char *func, *text;
+    const std::tuple<void (*)(), const char *, const char *> cases[] = {
+        {[] { fill_table(2), qvmodule_signal_register_kevent(SIGRTMIN, never); }, "register_kevent",
+         "0"},
+        {[] { fill_table(2), qvmodule_signal_register_action(SIGUSR1, plain, nullptr); },
+         "register_action", "0"},
+        {[] { fill_table(32), qvmodule_signal_register_kevent(SIGUSR2, never); }, "register_kevent",
+         "0"},
+        {[] { fill_table(32), qvmodule_signal_register_action(SIGUSR2, plain, nullptr); },
+         "register_action", "0"},
+        {[] { qvmodule_signal_register_action(SIGKILL, plain, nullptr); }, "register_action", "0"},
+        {[] { qvmodule_signal_register_action(SIGUSR1, plain, with_info); }, "register_action",
+         "!sig_sigaction"},
+        {[] { qvmodule_signal_register_action(SIGUSR1, nullptr, nullptr); }, "register_action",
+         "sig_sigaction"},
+        {[] { fill_table(2), qvmodule_signal_disable_kevent(SIGRTMIN); }, "disable_kevent",
+         "sig->sig_event"},
+        {[] { fill_table(2), qvmodule_signal_reenable_kevent(SIGRTMIN); }, "reenable_kevent",
+         "sig->sig_event"},
+        {[] { fill_table(1), qvmodule_signal_event_cb(SIGUSR1, EV_READ, qvmodule_signals); },
+         "event_cb", "(event & 0x08) == 0x08"},
     };
-    const Case cases[] = {
-        {[] {
-             base(), qvmodule_signal_register_kevent(SIGUSR1, never),
-                 qvmodule_signal_register_kevent(SIGUSR1, never);
-         },
-         "qvmodule_signal_register_kevent", "0"},
-        {[] {
-             base(), qvmodule_signal_register_action(SIGUSR1, plain, nullptr),
-                 qvmodule_signal_register_kevent(SIGUSR1, never);
-         },
-         "qvmodule_signal_register_kevent", "0"},
-        {[] {
-             base(), qvmodule_signal_register_kevent(SIGUSR1, never),
-                 qvmodule_signal_register_action(SIGUSR1, nullptr, with_info);
-         },
-         "qvmodule_signal_register_action", "0"},
-        {[] { fill_table(), qvmodule_signal_register_action(SIGUSR2, plain, nullptr); },
-         "qvmodule_signal_register_action", "0"},
-        {[] { base(), fill_table(), qvmodule_signal_register_kevent(SIGUSR2, never); },
-         "qvmodule_signal_register_kevent", "0"},
-        {[] { qvmodule_signal_register_action(SIGKILL, plain, nullptr); },
-         "qvmodule_signal_register_action", "0"},
-        {[] { qvmodule_signal_register_action(SIGUSR1, plain, with_info); },
-         "qvmodule_signal_register_action", "!sig_sigaction"},
-        {[] { qvmodule_signal_register_action(SIGUSR1, nullptr, nullptr); },
-         "qvmodule_signal_register_action", "sig_sigaction"},
-        {[] {
-             qvmodule_signal_register_action(SIGUSR1, plain, nullptr),
-                 qvmodule_signal_disable_kevent(SIGUSR1);
-         },
-         "qvmodule_signal_disable_kevent", "sig->sig_event"},
-        {[] {
-             qvmodule_signal_register_action(SIGUSR1, plain, nullptr),
-                 qvmodule_signal_reenable_kevent(SIGUSR1);
-         },
-         "qvmodule_signal_reenable_kevent", "sig->sig_event"},
-        {[] {
-             base(), qvmodule_signal_register_kevent(SIGUSR1, never),
-                 qvmodule_signal_event_cb(SIGUSR1, EV_READ, &qvmodule_signals[0]);
-         },
-         "qvmodule_signal_event_cb", "(event & 0x08) == 0x08"},
-    };
-    for (const Case &c : cases)
-        EXPECT_DEATH(c.call(), "qv_signal\\.cpp:" + std::string(c.func) + ": assertion \"" +
-                                   quoted(c.text) + "\" failed")
-            << c.func << " " << c.text;
+    for (auto [call, func, text] : cases) {
+        std::string quoted = std::regex_replace(text, std::regex(R"([()*.&|])"), R"(\$&)");
+        EXPECT_DEATH(call(), "qv_signal\\.cpp:qvmodule_signal_" + std::string(func) +
+                                 ": assertion \"" + quoted + "\" failed");
+    }
 }
 
 TEST(Signal, IgnoringAndNaming)
 {
-    for (int sig : {SIGTERM, SIGHUP})
-        EXPECT_STREQ(qvmodule_signame(sig), strsignal(sig));
-    for (int sig : {SIGRTMIN, 32, 64})
-        EXPECT_STREQ(qvmodule_signame(sig), "Real-time signal") << sig;
-    for (int sig : {0, 65, -1, INT_MIN, INT_MAX})
-        EXPECT_STREQ(qvmodule_signame(sig), "Unknown signal") << sig;
+    EXPECT_STREQ(qvmodule_signame(SIGTERM), strsignal(SIGTERM));
+    for (int sig : {32, 64})
+        EXPECT_STREQ(qvmodule_signame(sig), "Real-time signal");
+    for (int sig : {0, 65, INT_MIN})
+        EXPECT_STREQ(qvmodule_signame(sig), "Unknown signal");
 
     // A signal that cannot be ignored stops the daemon, with word to syslog.
     for (int sig : {SIGKILL, 65}) {
-        TempDir dir;
-        int st = run_in_child([&] {
-            start_daemon(dir);
-            qvmodule_signal_ignore(sig);
-            return 3;
-        });
-        EXPECT_EQ(exit_code(st), 0);
-        auto lines = qvtest::read_lines(dir.file("syslog"));
-        ASSERT_EQ(lines.size(), 2u);
-        EXPECT_EQ(lines[1], std::string("3|sigaction(SIG") + qvmodule_signame(sig) +
-                                "): errno:" + std::to_string(EINVAL));
-        EXPECT_EQ(read_file(dir.file("sigd.log")).find("sigaction"), std::string::npos);
+        Daemon d(false);
+        EXPECT_EQ(in_child([&] { return d.start(), qvmodule_signal_ignore(sig), 3; }), 0);
+        EXPECT_EQ(d.last_syslog(),
+                  std::string("3|sigaction(SIG") + qvmodule_signame(sig) + "): errno:22");
+    }
+    EXPECT_EQ(in_child([] { return qvmodule_signal_ignore(SIGUSR1), raise(SIGUSR1), sig_count; }),
+              0);
+}
+
+/* ---------------------------------------------------------------- */
+/* The pid lock file                                                */
+
+TEST(PidFile, ASecondCopyLeavesTheRunningCopysFileAlone)
+{
+    Daemon d;
+    int ready[2], quit[2];
+    ASSERT_EQ(pipe(ready) | pipe(quit), 0);
+    pid_t first = fork();
+    if (first == 0) {
+        d.start();
+        // A forked child's quit leaves the daemon's file and lock alone.
+        bool ok = (fcntl(daemon_pid_fd, F_GETFD) & FD_CLOEXEC) &&
+                  in_child([]() -> int { qvmodule_quit(0); }) == 0;
+        char c = ok ? 'y' : 'n';
+        (void)!write(ready[1], &c, 1), (void)!read(quit[0], &c, 1);
+        qvmodule_quit(0);
+    }
+    char c = 0;
+    EXPECT_TRUE(read(ready[0], &c, 1) == 1 && c == 'y');
+    struct stat before, after;
+    stat(d.pid.c_str(), &before);
+
+    EXPECT_EQ(in_child([&] { return d.start(), 3; }), 0);
+    EXPECT_EQ(d.last_syslog(), "3|Unable to obtain a lock on " + d.pid + ", sigd[" +
+                                   std::to_string(first) + "] is still running: errno:11");
+    EXPECT_EQ(read_file(d.pid), pid_text(first));
+    EXPECT_TRUE(stat(d.pid.c_str(), &after) == 0 && after.st_ino == before.st_ino);
+
+    int st;
+    (void)!write(quit[1], "q", 1), waitpid(first, &st, 0);
+    EXPECT_EQ(st, 0);
+    EXPECT_FALSE(qvtest::file_exists(d.pid));
+}
+
+// Each is refused with exit status 0, and the file left as it was.
+TEST(PidFile, RefusalsLeaveTheFileAsItWas)
+{
+    const std::tuple<const char *, bool, std::string> cases[] = {
+        {"", true, "3|Unable to obtain a lock on %s, is another copy of running?: errno:11"},
+        {"junk", true, "3|Unable to obtain a lock on %s, is another copy of running?: errno:11"},
+        {"4321\n", true, "3|Unable to obtain a lock on %s, sigd[4321] is still running: errno:11"},
+        {"planted", false, "3|Unable to open %s: errno:" + std::to_string(ELOOP)},
+    };
+    for (auto [content, locked, message] : cases) {
+        Daemon d;
+        std::string file = locked ? d.pid : d.dir.file("target");
+        std::ofstream(file) << content;
+        int holder = open(file.c_str(), O_RDONLY);
+        EXPECT_EQ(locked ? flock(holder, LOCK_EX) : symlink(file.c_str(), d.pid.c_str()), 0);
+        EXPECT_EQ(in_child([&] { return d.start(), 3; }), 0);
+        EXPECT_EQ(d.last_syslog(), std::regex_replace(message, std::regex("%s"), d.pid));
+        EXPECT_EQ(read_file(file), content);
+        close(holder);
     }
 }
 
-// After start-up, writing to a closed peer fails instead of ending the
-// daemon; an ignored signal does nothing.
-TEST(Signal, StartupIgnoresBrokenPipes)
+// "%%" names a "%" and any other "%" stays as written; a relative path
+// names the same file at start-up and at quit. A stale file is taken over,
+// with nothing left of a longer old pid, and removed at quit.
+TEST(PidFile, NamingTakingOverAndRemoving)
 {
-    TempDir dir;
-    int st = run_in_child([&] {
-        start_daemon(dir);
-        int sv[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0)
-            return 1;
-        close(sv[1]);
-        errno = 0;
-        bool epipe = write(sv[0], "x", 1) == -1 && errno == EPIPE;
-        qvmodule_signal_ignore(SIGUSR1);
-        raise(SIGUSR1);
-        return epipe && sig_count == 0 ? 0 : 2;
+    for (auto [given, named] : {std::pair{"daemon%%.pid", "daemon%.pid"}, {"%s%n%%%", "%s%n%%"}}) {
+        for (bool relative : {false, true}) {
+            Daemon d;
+            std::string path = relative ? given : d.dir.file(given), file = d.dir.file(named);
+            d.ctx.pid_filename = path.data();
+            std::ofstream(file) << "1234567890123\n";
+            int res = in_child([&] {
+                if (chdir(d.dir.path().c_str()) != 0)
+                    return 1;
+                d.start();
+                if (read_file(file) != pid_text(getpid()))
+                    return 2;
+                qvmodule_quit(0);
+            });
+            EXPECT_EQ(res, 0) << given << relative;
+            std::set<std::string> left;
+            for (const auto &e : std::filesystem::directory_iterator(d.dir.path()))
+                left.insert(e.path().filename());
+            EXPECT_EQ(left, (std::set<std::string>{"d.log", "syslog"}));
+        }
+    }
+}
+
+// Detached: the parents leave at once with status 0, without running exit
+// handlers or flushing stdio; the daemon is their grandchild, out of their
+// session, on /dev/null, and its pid is the one in the file.
+TEST(PidFile, DetachedDaemonOwnsTheFile)
+{
+    Daemon d;
+    static std::string out = d.dir.file("stdout"), exits = d.dir.file("exits");
+    std::string result = d.dir.file("result");
+    int processes = in_child([&] {
+        prctl(PR_SET_CHILD_SUBREAPER, 1); // the orphans come back here
+        if (fork() == 0) {
+            pid_t sid = getsid(0);
+            if (!freopen(out.c_str(), "w", stdout) || fputs("once\n", stdout) < 0)
+                _exit(9);
+            atexit([] { std::ofstream(exits, std::ios::app) << getpid() << "\n"; });
+            do_daemon = 1;
+            d.start();
+            bool ok = daemon_pid == getpid() && read_file(d.pid) == pid_text(getpid()) &&
+                      getsid(0) != sid && getsid(0) != getpid();
+            for (int fd : {0, 1, 2})
+                ok = ok && std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)) ==
+                               "/dev/null";
+            std::ofstream(result) << ok;
+            qvmodule_quit(0);
+        }
+        int n = 0, st;
+        while (wait(&st) > 0)
+            n += st == 0 ? 1 : 100;
+        return n;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(processes, 3);
+    EXPECT_EQ(read_file(result), "1");
+    EXPECT_EQ(qvtest::read_lines(exits).size(), 1u);
+    EXPECT_EQ(read_file(out), "once\n");
+    EXPECT_FALSE(qvtest::file_exists(d.pid));
 }
 
 } // namespace

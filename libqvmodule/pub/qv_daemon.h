@@ -122,8 +122,9 @@ QV_EXPORT extern uint8_t sig_count;
 
 /* Calls func from the event loop, under the giant lock. */
 QV_EXPORT void qvmodule_signal_register_kevent(int signo, qvmodule_signal_func func) QV_NOEXCEPT;
-/* Stops the calls. The signal then has its default action again until it
- * is re-enabled: a SIGTERM that arrives meanwhile ends the daemon. */
+/* Stops the calls. Until it is re-enabled the signal has the disposition
+ * it had before the registration, normally its default action: a SIGTERM
+ * that arrives meanwhile ends the daemon. */
 QV_EXPORT void qvmodule_signal_disable_kevent(int signo) QV_NOEXCEPT;
 QV_EXPORT void qvmodule_signal_reenable_kevent(int signo) QV_NOEXCEPT;
 /* Installs exactly one of the two with sigaction (SA_RESTART, plus

@@ -13,6 +13,7 @@
 
 #include <string>
 
+#include "libcpe_event_public_api.h"
 #include "qv_assert.h"
 #include "qv_daemon_private.h"
 #include "qv_memory.h"
@@ -88,6 +89,7 @@ void init_subsystems()
     qvmodule_timer_init();
     qvmodule_job_init();
     qvmodule_signal_init();
+    evh_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)

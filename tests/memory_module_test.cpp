@@ -10,6 +10,7 @@
 #include <random>
 #include <regex>
 
+#include "event_private.h"
 #include "qv_daemon_private.h"
 #include "qv_jobs_private.h"
 #include "qv_memory_private.h"
@@ -326,7 +327,7 @@ TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
         qv_daemon_init(1, argv, &ctx);
         qvmodule *tp = qvmodule_alloc("appmod", 0, nullptr);
         qvmodule_create(tp), qvmodule_mem_strdup(tp, "hello");
-        EXPECT_EQ(show("module"), module_show_of({tp}));
+        EXPECT_EQ(show("module"), module_show_of({evh_qvmodule, tp})) << "start-up made one";
         std::string mem = show("memory");
         EXPECT_EQ(mem, memory_show_of_lists());
         EXPECT_TRUE(mem.ends_with(

@@ -53,6 +53,9 @@ constexpr struct timeval kAcceptRetry = {0, 100000};
 constexpr struct timeval kDrainTimeout = {2, 0};
 constexpr uint32_t kDrainMax = 64 * 1024;
 constexpr size_t kChunk = 1024;
+// A client that takes its reply a trickle at a time, each write just
+// within the send time-out, is cut off after this long all told.
+constexpr int kReplyTimeLimit = 30;
 
 constexpr char kNotFound[] = "command not found";
 constexpr char kArgInvalid[] = "command argument invalid";
@@ -175,13 +178,21 @@ bool parse_args(char **save, qvsh_cmd_arg_t *args)
     return false;
 }
 
+time_t monotonic_seconds()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec;
+}
+
 // Sends the whole file from its start. A write that fails (the peer gone,
 // or the send time-out of a client that does not read) ends the transfer.
 void send_file(const client_ctx_t *client, int file_fd)
 {
     char buf[kChunk];
     off_t off = 0;
-    for (;;) {
+    time_t give_up = monotonic_seconds() + kReplyTimeLimit;
+    while (monotonic_seconds() < give_up) {
         ssize_t got = pread(file_fd, buf, sizeof(buf), off);
         if (got < 0 && errno == EINTR)
             continue;

@@ -243,7 +243,12 @@ class ShowTest : public ::testing::Test
             qv::show_send_timeout = {1, 0};
             char arg0[] = "/usr/sbin/showd", *argv[] = {arg0, nullptr};
             qv_daemon_init(1, argv, &ctx);
-            char ok = qvsh_app_init(&qvsh_server_list[kServer]) == 0 &&
+            // A second initialisation changes nothing ("show all" is listed once).
+            block_t pool = qvsh_cmd_block;
+            qvmodule *shell = sh_qvmodule;
+            qvsh_init();
+            char ok = pool == qvsh_cmd_block && shell == sh_qvmodule &&
+                              qvsh_app_init(&qvsh_server_list[kServer]) == 0 &&
                               qvsh_app_init(&qvsh_server_list[kServer]) == -1
                           ? 'y'
                           : 'n';

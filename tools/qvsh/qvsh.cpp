@@ -119,10 +119,9 @@ void pretty(const cJSON *item, int depth, std::string &out)
 
 int list_servers()
 {
-    for (const qvsh_server_t &s : qvsh_server_list) {
+    for (qvsh_server_t &s : qvsh_server_list) {
         struct sockaddr_in a;
-        qvsh_server_convert_to_network(const_cast<qvsh_server_t *>(&s),
-                                       reinterpret_cast<struct sockaddr *>(&a));
+        qvsh_server_convert_to_network(&s, reinterpret_cast<struct sockaddr *>(&a));
         printf("%u  %-8s %u\n", s.server_id, s.server_name, ntohs(a.sin_port));
     }
     return kOk;
@@ -159,9 +158,12 @@ int main(int argc, char **argv)
             break;
         case 's':
             port = -1;
-            for (const qvsh_server_t &s : qvsh_server_list)
-                if (strcmp(s.server_name, optarg) == 0)
-                    port = QVSH_SERVER_BASE_PORT + long(s.server_id);
+            for (qvsh_server_t &s : qvsh_server_list)
+                if (strcmp(s.server_name, optarg) == 0) {
+                    struct sockaddr_in a;
+                    qvsh_server_convert_to_network(&s, reinterpret_cast<struct sockaddr *>(&a));
+                    port = ntohs(a.sin_port);
+                }
             if (port < 0)
                 return usage("no such server (see --list)");
             break;

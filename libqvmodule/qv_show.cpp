@@ -117,6 +117,17 @@ FILE *open_named_output(const char *path)
     return fp;
 }
 
+// A refusal still needs a file to be streamed from: one that no name in
+// the file system leads to.
+FILE *anonymous_output()
+{
+    int fd = memfd_create("qvsh", MFD_CLOEXEC);
+    FILE *fp = fd >= 0 ? fdopen(fd, "w+") : nullptr;
+    if (fd >= 0 && fp == nullptr)
+        close(fd);
+    return fp;
+}
+
 FILE *open_output(const char *key, OutFile *kind)
 {
     char path[QVSH_OUT_FILE_NAME_SIZE];
@@ -125,13 +136,7 @@ FILE *open_output(const char *key, OutFile *kind)
     constexpr int kStampLen = 14;
     if (!usable_in_file_name(key) || n < 0 || n + kStampLen >= int(sizeof(path))) {
         *kind = OutFile::bad_name;
-        // The refusal still needs a file to be streamed from, one that no
-        // name in the file system leads to.
-        int fd = memfd_create("qvsh", MFD_CLOEXEC);
-        FILE *fp = fd >= 0 ? fdopen(fd, "w+") : nullptr;
-        if (fd >= 0 && fp == nullptr)
-            close(fd);
-        return fp;
+        return anonymous_output();
     }
     struct timespec now;
     struct tm tm;
@@ -143,11 +148,7 @@ FILE *open_output(const char *key, OutFile *kind)
     trace_cb(trace_global, TRUE, LOG_ERR, "%s: output file:%s unusable errno:%d", "qvsh_handle_cmd",
              path, errno);
     *kind = OutFile::unusable;
-    int fd = memfd_create("qvsh", MFD_CLOEXEC);
-    FILE *fp = fd >= 0 ? fdopen(fd, "w+") : nullptr;
-    if (fd >= 0 && fp == nullptr)
-        close(fd);
-    return fp;
+    return anonymous_output();
 }
 
 // Fills the argument slots from the fields after the command. False for a

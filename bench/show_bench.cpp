@@ -60,8 +60,7 @@ bool private_network()
         write_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
     }
     int s = socket(AF_INET, SOCK_DGRAM, 0);
-    struct ifreq ifr {
-    };
+    struct ifreq ifr = {};
     strcpy(ifr.ifr_name, "lo");
     bool up = ioctl(s, SIOCGIFFLAGS, &ifr) == 0 && (ifr.ifr_flags |= IFF_UP, true) &&
               ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
@@ -108,8 +107,7 @@ void start_daemon()
 int connect_server()
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in a {
-    };
+    struct sockaddr_in a = {};
     a.sin_family = AF_INET;
     a.sin_port = htons(kPort);
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -11,8 +11,7 @@ namespace
 
 constexpr struct sockaddr_in any_port(uint16_t port)
 {
-    struct sockaddr_in a {
-    };
+    struct sockaddr_in a = {};
     a.sin_family = AF_INET;
     a.sin_port = port; // host byte order until converted
     a.sin_addr.s_addr = INADDR_ANY;

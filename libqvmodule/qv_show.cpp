@@ -476,8 +476,7 @@ static void qvsh_accept_retry_cb(evutil_socket_t, short, void *) noexcept
 static void qvsh_server_read_cb(evutil_socket_t, short what, void *) noexcept
 {
     QV_ASSERT_TEXT((what & EV_READ) == EV_READ, "(what & 0x02) == 0x02");
-    struct sockaddr_storage addr {
-    };
+    struct sockaddr_storage addr = {};
     socklen_t len = sizeof(addr);
     int fd = accept4(server_fd, reinterpret_cast<struct sockaddr *>(&addr), &len, SOCK_CLOEXEC);
     if (fd >= 0) {
@@ -510,8 +509,7 @@ extern "C" QV_EXPORT int qvsh_app_init(qvsh_server_t *server) noexcept
         evutil_closesocket(server_fd);
         QV_ASSERT(0);
     }
-    struct sockaddr_storage addr {
-    };
+    struct sockaddr_storage addr = {};
     qvsh_server_convert_to_network(server, reinterpret_cast<struct sockaddr *>(&addr));
     if (bind(server_fd, reinterpret_cast<struct sockaddr *>(&addr), socklen_t(server->socklen)) !=
         0) {

@@ -58,8 +58,7 @@ bool private_network()
         write_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
     }
     int s = socket(AF_INET, SOCK_DGRAM, 0);
-    struct ifreq ifr {
-    };
+    struct ifreq ifr = {};
     strcpy(ifr.ifr_name, "lo");
     ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0 && (ifr.ifr_flags |= IFF_UP, true) &&
          ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
@@ -72,8 +71,7 @@ int connect_port(int port, int rcvbuf = 0)
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (rcvbuf)
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
-    struct sockaddr_in a {
-    };
+    struct sockaddr_in a = {};
     a.sin_family = AF_INET;
     a.sin_port = htons(uint16_t(port));
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -117,19 +115,6 @@ std::string request(const std::string &text)
     std::string reply = read_to_end(fd);
     close(fd);
     return reply;
-}
-
-// Polls cond until it holds or the deadline passes.
-template <class F> bool eventually(F cond)
-{
-    auto until = std::chrono::steady_clock::now() + kDeadline;
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > until)
-            return false;
-        struct timespec ts = {0, 10 * 1000 * 1000};
-        nanosleep(&ts, nullptr);
-    }
-    return true;
 }
 
 struct Json {
@@ -482,8 +467,7 @@ TEST_F(ShowTest, QvshClient)
     // Nothing listens: a connection failure. A listener that never answers: a time-out.
     EXPECT_EQ(run({"--port", std::to_string(kPort - 1), "show all"}, &out), 2);
     int mute = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in a {
-    };
+    struct sockaddr_in a = {};
     a.sin_family = AF_INET;
     a.sin_port = htons(kPort - 1);
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -525,8 +509,7 @@ TEST(ShowFatal, AssertionTexts)
     // A port in use stops the daemon.
     private_network();
     int taken = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in a {
-    };
+    struct sockaddr_in a = {};
     qvsh_server_convert_to_network(&qvsh_server_list[kServer], reinterpret_cast<sockaddr *>(&a));
     EXPECT_EQ(a.sin_port, htons(kPort));
     EXPECT_EQ(a.sin_addr.s_addr, htonl(INADDR_ANY));

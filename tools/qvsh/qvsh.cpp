@@ -210,8 +210,7 @@ int main(int argc, char **argv)
     req += "EOC";
 
     double deadline = now() + timeout;
-    struct addrinfo hints {
-    }, *res = nullptr;
+    struct addrinfo hints = {}, *res = nullptr;
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     std::string service = std::to_string(port);

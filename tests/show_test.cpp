@@ -465,16 +465,22 @@ TEST_F(ShowTest, QvshClient)
     EXPECT_EQ(run({"--list"}, &out), 0);
     EXPECT_NE(out.find("6  orbe     3006"), std::string::npos) << out;
     // Nothing listens: a connection failure. A listener that never answers: a time-out.
-    EXPECT_EQ(run({"--port", std::to_string(kPort - 1), "show all"}, &out), 2);
-    int mute = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(kPort - 1);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(mute, reinterpret_cast<sockaddr *>(&a), sizeof(a)), 0);
+    // Both on ports of the kernel's choosing, held by this test.
+    auto own_port = [](int fd) {
+        struct sockaddr_in a = {};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof(a);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)), 0);
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+        return std::to_string(ntohs(a.sin_port));
+    };
+    int closed = socket(AF_INET, SOCK_STREAM, 0), mute = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(run({"--port", own_port(closed), "show all"}, &out), 2);
+    std::string mute_port = own_port(mute);
     listen(mute, 4);
-    EXPECT_EQ(run({"--port", std::to_string(kPort - 1), "--timeout", "0.3", "show all"}, &out), 4);
-    close(mute);
+    EXPECT_EQ(run({"--port", mute_port, "--timeout", "0.3", "show all"}, &out), 4);
+    close(mute), close(closed);
 }
 
 // The fatal checks, each in a child with a shell of its own.

@@ -17,6 +17,7 @@
 #include "qv_assert.h"
 #include "qv_daemon_private.h"
 #include "qv_memory.h"
+#include "qv_show.h"
 #include "qv_trace_private.h"
 
 extern "C" {
@@ -90,6 +91,7 @@ void init_subsystems()
     qvmodule_job_init();
     qvmodule_signal_init();
     evh_init();
+    qvsh_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)

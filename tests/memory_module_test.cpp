@@ -14,6 +14,7 @@
 #include "qv_daemon_private.h"
 #include "qv_jobs_private.h"
 #include "qv_memory_private.h"
+#include "qv_show.h"
 #include "qv_test_util.h"
 
 namespace
@@ -315,7 +316,8 @@ TEST(Module, FatalErrorsHeapExhaustionAndQuitInAChild)
     EXPECT_NE(qvtest::read_file(trace.path).find("]  qvmodule_quit:\n"), std::string::npos);
 }
 
-// A real daemon, in a child: its fresh shows; a deleted module's timers and jobs go too.
+// A real daemon, in a child: its fresh shows (the show shell's module and cookie among them); a
+// deleted module's timers and jobs go too.
 TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
 {
     qvtest::TempDir dir;
@@ -327,11 +329,13 @@ TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
         qv_daemon_init(1, argv, &ctx);
         qvmodule *tp = qvmodule_alloc("appmod", 0, nullptr);
         qvmodule_create(tp), qvmodule_mem_strdup(tp, "hello");
-        EXPECT_EQ(show("module"), module_show_of({evh_qvmodule, tp})) << "start-up made one";
+        EXPECT_EQ(show("module"), module_show_of({evh_qvmodule, sh_qvmodule, tp}))
+            << "start-up made the event history's and the show shell's modules";
         std::string mem = show("memory");
         EXPECT_EQ(mem, memory_show_of_lists());
         EXPECT_TRUE(mem.ends_with(
             R"("Cookie":{"Name":"appmod","Max Bytes":6,"Cur Bytes":6,"Max Alloc":1,"Cur Alloc":1,"Calls":1},)"
+            R"("Cookie":{"Name":"QV Show infra","Max Bytes":9,"Cur Bytes":9,"Max Alloc":1,"Cur Alloc":1,"Calls":1},)"
             R"("Cookie":{"Name":"--Anonymous--","Max Bytes":0,"Cur Bytes":0,"Max Alloc":0,"Cur Alloc":0,"Calls":0}}})"));
         auto fail = [](qvmodule_job *) { abort(); };
         qvmodule_timer_create(

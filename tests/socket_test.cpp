@@ -1,0 +1,382 @@
+// Module sockets on real sockets, driven through the event loop: option
+// codes, opening with retries, a loopback TCP exchange, UNIX listeners and
+// their unnamed peers, one seeded model of dispatch and arming, failures
+// and their messages, and the fatal checks.
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "qv_memory.h"
+#include "qv_sockaddr_private.h"
+#include "qv_test_util.h"
+#include "qv_trace_private.h"
+
+namespace
+{
+
+std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char *f, ...)
+{
+    char buf[512];
+    va_list ap;
+    va_start(ap, f);
+    vsnprintf(buf, sizeof buf, f, ap);
+    va_end(ap);
+    return buf;
+}
+
+std::vector<std::string> syslogged; // "priority|message"
+
+void capture_syslog(int prio, const char *f, va_list ap)
+{
+    char buf[2048];
+    vsnprintf(buf, sizeof buf, f, ap);
+    syslogged.push_back(std::to_string(prio) + "|" + buf);
+}
+
+int lock_depth = 0;
+int counting_lock(int lock, int)
+{
+    lock_depth += lock ? 1 : -1;
+    return 0;
+}
+
+class SocketTest : public ::testing::Test
+{
+  protected:
+    static void SetUpTestSuite()
+    {
+        signal(SIGPIPE, SIG_IGN); // until start-up ignores it for every daemon
+        static qvtest::TempDir dir;
+        log = dir.file("sock.log");
+        g_event_base = event_base_new();
+        qvmodule_memory_init(), qvmodule_init(), qvmodule_timer_init(), qvmodule_job_init();
+        trace_global = trace_file_open(log.c_str(), 1u << 30, 1);
+        qv_trace_vsyslog_fn = capture_syslog;
+        qv_ui_init("sockd");
+    }
+    void SetUp() override
+    {
+        qv_giant_lock_func_init(counting_lock);
+        syslogged.clear(), traced();
+    }
+    void TearDown() override
+    {
+        jrpc_invoke_trace("sockd", "socket", 0);
+        qv_giant_lock_func_init(nullptr);
+        EXPECT_EQ(lock_depth, 0);
+    }
+    // Trace messages written since the last call.
+    static std::vector<std::string> traced()
+    {
+        static size_t seen = 0;
+        std::vector<std::string> out, all = qvtest::read_lines(log);
+        for (size_t i = seen; i < all.size(); i++)
+            out.push_back(all[i].substr(all[i].find("]  ") + 3));
+        seen = all.size();
+        return out;
+    }
+    static qvmodule *mod(const char *name)
+    {
+        qvmodule *tp = qvmodule_alloc(name, 0, nullptr);
+        qvmodule_create(tp);
+        return tp;
+    }
+    static void pass() { event_base_loop(g_event_base, EVLOOP_ONCE | EVLOOP_NONBLOCK); }
+    static inline std::string log;
+};
+using SocketDeathTest = SocketTest;
+
+int getopt_int(int fd, int level, int name)
+{
+    int v = -1;
+    socklen_t len = sizeof v;
+    getsockopt(fd, level, name, &v, &len);
+    return v;
+}
+
+// Each code sets what it names, read back from the kernel; codes without a
+// meaning fail with EINVAL; 27 and 38 do nothing. Every result is reported.
+TEST_F(SocketTest, OptionCodesAndTheirDomainRules)
+{
+    qvmodule *tp = mod("opt");
+    int s = qvmodule_get_socket_tcp(tp);
+    qvmodule_set_socket(tp, s);
+    const struct {
+        int code, a, b, level, name, want;
+    } rows[] = {
+        {0, 4096, 0, SOL_SOCKET, SO_RCVBUF, 8192},
+        {1, 8192, 0, SOL_SOCKET, SO_SNDBUF, 16384},
+        {3, 1, 0, SOL_SOCKET, SO_REUSEADDR, 1},
+        {5, 1, 0, SOL_SOCKET, SO_DONTROUTE, 1},
+        {6, 1, 0, SOL_SOCKET, SO_KEEPALIVE, 1},
+        {15, 9, 0, IPPROTO_IP, IP_TTL, 9},
+        {16, 0x10, 0, IPPROTO_IP, IP_TOS, 0x10},
+        {25, 536, 0, IPPROTO_TCP, TCP_MAXSEG, 536},
+        {2, 1, 7, SOL_SOCKET, SO_LINGER, 1},
+        {8, 0, 0, 0, 0, O_NONBLOCK},
+        {27, 0, 0, 0, 0, 0},
+        {38, 0, 0, 0, 0, 0},
+    };
+    const std::string ok =
+        fmt("6|qvmodule_set_option_internal:name:opt, socket:%d setsockopt succedded", s);
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.code);
+        ASSERT_EQ(qvmodule_set_option(tp, r.code, r.a, r.b), 0);
+        if (r.code == 2) {
+            struct linger lg;
+            socklen_t len = sizeof lg;
+            getsockopt(s, SOL_SOCKET, SO_LINGER, &lg, &len);
+            EXPECT_TRUE(lg.l_onoff == 1 && lg.l_linger == 7);
+        } else if (r.code == 8) {
+            EXPECT_TRUE(fcntl(s, F_GETFL) & O_NONBLOCK) << "a value of 0 still turns it on";
+        } else if (r.level) {
+            EXPECT_EQ(getopt_int(s, r.level, r.name), r.want);
+        }
+        EXPECT_EQ(syslogged, std::vector<std::string>(r.code < 27, ok));
+        syslogged.clear();
+    }
+    jrpc_invoke_trace("sockd", "socket", 1);
+    for (int code : {4, 9, 14, 17, 24, 26, 28, 37, 39, -1, 1000}) {
+        errno = 0;
+        EXPECT_TRUE(qvmodule_set_option(tp, code, 1) == -1 && errno == EINVAL) << code;
+    }
+    std::string failed =
+        fmt("qvmodule_set_option_internal:name:opt, socket:%d setsockopt failed", s);
+    EXPECT_EQ(syslogged, std::vector<std::string>(11, "3|" + failed));
+    EXPECT_EQ(traced(), std::vector<std::string>(11, failed));
+    syslogged.clear();
+
+    // IP options on a UNIX socket do nothing; an unknown domain becomes IPv4
+    // unless the code is ignored; no socket, no call.
+    qvmodule *un = mod("un"), *raw = mod("raw");
+    qvmodule_set_socket(un, qvmodule_get_socket_unix(un));
+    EXPECT_EQ(qvmodule_set_option(un, QVMODULE_OPT_IP_TTL, 3), 0);
+    qvmodule_fixup_socket(raw, socket(AF_INET, SOCK_STREAM, 0));
+    EXPECT_EQ(qvmodule_set_option(raw, 27), 0);
+    EXPECT_EQ(qvmodule_socket_domain(raw), 0);
+    EXPECT_EQ(qvmodule_set_option(raw, QVMODULE_OPT_IP_TTL, 33), 0);
+    EXPECT_TRUE(qvmodule_socket_domain(raw) == AF_INET &&
+                getopt_int(raw->qvmodule_socket, IPPROTO_IP, IP_TTL) == 33);
+    errno = 1234;
+    qvmodule *none = mod("none");
+    EXPECT_TRUE(qvmodule_set_option(nullptr, 0, 1) == -1 && qvmodule_set_option(none, 0, 1) == -1);
+    EXPECT_EQ(errno, 1234);
+    EXPECT_EQ(syslogged.size(), 1u) << "only raw's success at TTL";
+    for (qvmodule *m : {tp, un, raw, none})
+        qvmodule_delete(m);
+}
+
+std::vector<int> open_script; // errors the next opens fail with, in order
+std::vector<std::vector<int>> opened;
+std::vector<unsigned> slept;
+
+int scripted_open(int d, int t, int p)
+{
+    opened.push_back({d, t, p});
+    if (open_script.empty())
+        return t == SOCK_RAW ? dup(0) : socket(d, t, p); // raw sockets need privileges
+    errno = open_script.front();
+    open_script.erase(open_script.begin());
+    return -1;
+}
+
+// Interruptions retry at once; a buffer shortage gets three tries with a
+// 5 s pause before each retry; any other error ends at once.
+TEST_F(SocketTest, OpeningRetriesAndShorthands)
+{
+    qv_socket_open_fn = scripted_open;
+    qv_socket_sleep_fn = [](unsigned s) { return slept.push_back(s), 0u; };
+    qvmodule *tp = mod("open");
+    using Open = std::function<int()>;
+    const struct {
+        Open open;
+        std::vector<int> script, args;
+        int err;
+        size_t sleeps;
+    } rows[] = {
+        {[&] { return qvmodule_get_socket_tcp(tp); }, {}, {2, 1, 0}, 0, 0},
+        {[&] { return qvmodule_get_socket_udp(tp); }, {EINTR, EINTR}, {2, 2, 0}, 0, 0},
+        {[&] { return qvmodule_get_socket_unix(tp); }, {ENOBUFS}, {1, 1, 0}, 0, 1},
+        {[&] { return qvmodule_get_socket_ip(tp, 89); },
+         {ENOBUFS, EINTR, ENOBUFS},
+         {2, 3, 89},
+         0,
+         2},
+        {[&] { return qvmodule_get_socket_ip(tp, 89); }, {EMFILE}, {2, 3, 89}, EMFILE, 0},
+        {[&] { return qvmodule_get_socket(tp, 1, 2, 0); },
+         {ENOBUFS, EINTR, ENOBUFS, ENOBUFS},
+         {1, 2, 0},
+         ENOBUFS,
+         2},
+        {[&] { return qvmodule_get_socket(tp, 2, 1, 0); },
+         {ENOBUFS, ENOBUFS, EACCES},
+         {2, 1, 0},
+         EACCES,
+         2},
+    };
+    for (const auto &r : rows) {
+        open_script = r.script, opened.clear(), slept.clear();
+        tp->qvmodule_socket_domain = 0;
+        errno = 1234;
+        int s = r.open();
+        EXPECT_EQ(s < 0 ? errno : 0, r.err);
+        EXPECT_EQ(opened, std::vector<std::vector<int>>(r.script.size() + !r.err, r.args));
+        EXPECT_EQ(slept, std::vector<unsigned>(r.sleeps, 5));
+        EXPECT_EQ(qvmodule_socket_domain(tp), r.args[0]) << "recorded whatever the outcome";
+        close(s);
+    }
+    qv_socket_open_fn = socket;
+    jrpc_invoke_trace("sockd", "socket", 1);
+    EXPECT_TRUE(qvmodule_get_socket(tp, 4242, SOCK_STREAM, 0) == -1 && errno == EAFNOSUPPORT);
+    EXPECT_EQ(qvmodule_get_socket_tcp(nullptr), -1);
+    EXPECT_EQ(qvmodule_socket_domain(tp), 4242);
+    EXPECT_EQ(traced(),
+              std::vector<std::string>{"qvmodule_get_socket:name:open, socket:-1 created"});
+    EXPECT_TRUE(syslogged.empty());
+    qvmodule_delete(tp);
+}
+
+// A loopback exchange: a listener accepts into a module made for the new
+// descriptor, which echoes and deletes itself at end of stream; the client
+// connects without blocking and sends once it is connected.
+struct Tcp {
+    static inline std::string ran;
+    static inline int conns = 0;
+    static void expect_rx(qvmodule *tp, bool read_side)
+    {
+        EXPECT_EQ(qvmodule_current_rx_module_get(), read_side ? tp : nullptr);
+        EXPECT_EQ(lock_depth, 1);
+    }
+    static void accept_cb(qvmodule *tp)
+    {
+        expect_rx(tp, true);
+        qvsockaddr_t *peer;
+        int fd = qvmodule_accept(tp, &peer);
+        qvmodule *conn = qvmodule_alloc_accept(tp, "conn", 0, nullptr);
+        conn->qvmodule_socket = fd; // attached by the creation
+        qvmodule_set_recv(conn, echo_cb);
+        qvmodule_set_addr(conn, peer);
+        qvmodule_create(conn);
+        ran += "accept;", conns++;
+    }
+    static void echo_cb(qvmodule *tp)
+    {
+        expect_rx(tp, true);
+        char buf[64];
+        ssize_t n = read(tp->qvmodule_socket, buf, sizeof buf);
+        if (n > 0) {
+            EXPECT_EQ(write(tp->qvmodule_socket, buf, size_t(n)), n);
+            qvsockaddr_t *peer = qvmodule_get_addr_remote(tp);
+            EXPECT_STREQ(qvsockaddr_print(peer), qvsockaddr_print(tp->qvmodule_addr));
+            sockfree(peer);
+            ran += "echo;";
+        } else {
+            ran += "eof;", conns--;
+            qvmodule_delete(tp);
+        }
+    }
+    static void connect_cb(qvmodule *tp)
+    {
+        expect_rx(tp, false);
+        EXPECT_EQ(getopt_int(tp->qvmodule_socket, SOL_SOCKET, SO_ERROR), 0);
+        qvmodule_clear_connect_flag(tp);
+        ran += "connected;";
+    }
+    static void write_cb(qvmodule *tp)
+    {
+        expect_rx(tp, false);
+        EXPECT_EQ(write(tp->qvmodule_socket, "ping", 4), 4);
+        qvmodule_socket_disable_write(tp); // nothing more to send
+        ran += "sent;";
+    }
+    static void reply_cb(qvmodule *tp)
+    {
+        char buf[8] = {};
+        EXPECT_EQ(read(tp->qvmodule_socket, buf, sizeof buf), 4);
+        ran += std::string(buf) + ";";
+        qvmodule_close(tp);
+    }
+};
+
+TEST_F(SocketTest, LoopbackTcpExchangeThroughTheLoop)
+{
+    jrpc_invoke_trace("sockd", "socket", 1);
+    qvmodule *server = mod("server"), *client = mod("client");
+    uint32_t modules = qvmodule_block_index->tb_n_alloc;
+    int s = qvmodule_get_socket_tcp(server);
+    qvmodule_set_accept(server, Tcp::accept_cb);
+    qvmodule_set_accept_flag(server);
+    qvmodule_set_socket(server, s);
+    qvsockaddr_t *any = sockcreate_in(0, htonl(INADDR_LOOPBACK));
+    ASSERT_EQ(qvmodule_addr_local(server, any), 0);
+    ASSERT_EQ(qvmodule_listen(server, 4), 0);
+    qvsockaddr_t *bound = qvmodule_get_addr_local(server);
+    std::string where = qvsockaddr_print(bound);
+
+    int c = qvmodule_get_socket_tcp(client);
+    qvmodule_set_addr(client, bound);
+    qvmodule_set_connect(client, Tcp::connect_cb);
+    qvmodule_set_write(client, Tcp::write_cb);
+    qvmodule_set_recv(client, Tcp::reply_cb);
+    qvmodule_set_connect_flag(client);
+    qvmodule_set_socket(client, c);
+    qvmodule_set_option(client, QVMODULE_OPT_NONBLOCK, 1);
+    errno = 0;
+    ASSERT_EQ(qvmodule_connect(client), EINPROGRESS);
+    ASSERT_EQ(errno, EINPROGRESS);
+    for (int i = 0; i < 1000 && Tcp::ran.find("ping;eof;") == std::string::npos; i++)
+        event_base_loop(g_event_base, EVLOOP_ONCE);
+    // The listener and the connecting client become ready in the same turn.
+    EXPECT_TRUE(Tcp::ran == "accept;connected;sent;echo;ping;eof;" ||
+                Tcp::ran == "connected;accept;sent;echo;ping;eof;")
+        << Tcp::ran;
+    EXPECT_EQ(Tcp::conns, 0);
+    EXPECT_TRUE(server->qvmodule_reads == 1 && client->qvmodule_writes == 2 &&
+                client->qvmodule_reads == 1 && qvmodule_socket(client) == -1);
+    EXPECT_EQ(qvmodule_block_index->tb_n_alloc, modules) << "the connection's module is gone";
+
+    std::string sv = fmt("name:server, socket:%d ", s), cl = fmt("name:client, socket:%d ", c);
+    std::vector<std::string> lines = {
+        "qvmodule_addr_local:" + sv +
+            "bind success address: " + std::to_string(int(htonl(INADDR_LOOPBACK))),
+        "qvmodule_listen:" + sv + "listen success",
+        "qvmodule_get_addr_local:" + sv + "getsockname succedded",
+        "qvmodule_set_option_internal:" + cl + "setsockopt succedded",
+        "qvmodule_connect:" + cl + "socket addr :" + where + " connect success",
+        "qvmodule_accept:" + sv + "accept success",
+        fmt("qvmodule_get_addr_remote:name:conn, socket:%d getpeername succedded", s + 2),
+    };
+    std::vector<std::string> got = traced(), want_syslog;
+    for (const std::string &l : lines)
+        want_syslog.push_back("6|" + l);
+    EXPECT_EQ(syslogged, want_syslog);
+    lines.insert(lines.begin(), "qvmodule_get_socket:" + sv + "created");
+    lines.insert(lines.begin() + 4, "qvmodule_get_socket:" + cl + "created");
+    for (const char *d :
+         {"revent_cb: name:server, dispatching read", "wevent_cb:name:client, dispatching write",
+          "wevent_cb:name:client, "
+          "dispatching write",
+          "revent_cb: name:conn, dispatching read", "revent_cb: name:client, dispatching read",
+          "revent_cb: name:conn, dispatching read"})
+        lines.push_back(std::string("qvmodule_socket_") + d + " cb");
+    std::ranges::sort(got), std::ranges::sort(lines);
+    EXPECT_EQ(got, lines);
+    sockfree(any);
+    qvmodule_delete(server), qvmodule_delete(client);
+}
+
+} // namespace

@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <algorithm>
 #include <functional>
@@ -377,6 +378,205 @@ TEST_F(SocketTest, LoopbackTcpExchangeThroughTheLoop)
     EXPECT_EQ(got, lines);
     sockfree(any);
     qvmodule_delete(server), qvmodule_delete(client);
+}
+
+std::string peer_text;
+int accepted = -1;
+
+void unix_accept_cb(qvmodule *tp)
+{
+    qvsockaddr_t *peer;
+    accepted = qvmodule_accept(tp, &peer);
+    peer_text = qvsockaddr_print(peer);
+    sockfree(peer);
+}
+
+// An unnamed client is named after the listener's path plus "_local": from
+// its address record, else from the socket itself; a listener bound nowhere
+// (the kernel gives it an abstract name) leaves the peer's path empty.
+// Writing to a client that has gone fails with EPIPE and nothing else.
+TEST_F(SocketTest, UnixListenersNameTheirUnnamedPeers)
+{
+    qvtest::TempDir dir;
+    for (int kind = 0; kind < 3; kind++) {
+        std::string path = dir.file("l" + std::to_string(kind));
+        qvmodule *l = mod("ulisten"), *c = mod("uclient");
+        int s = qvmodule_get_socket_unix(l);
+        qvmodule_set_accept(l, unix_accept_cb);
+        qvmodule_set_accept_flag(l);
+        qvmodule_set_socket(l, s);
+        qvsockaddr_t *rec = sockcreate_un(path.c_str());
+        sa_family_t unnamed = AF_UNIX; // the kernel picks an abstract name
+        if (kind < 2) {
+            ASSERT_EQ(qvmodule_addr_local(l, rec), 0);
+        } else {
+            ASSERT_EQ(bind(s, reinterpret_cast<struct sockaddr *>(&unnamed), sizeof unnamed), 0);
+        }
+        kind == 0 ? qvmodule_set_addr(l, rec) : sockfree(rec);
+        ASSERT_EQ(qvmodule_listen(l, 1), 0);
+        qvmodule_set_socket(c, qvmodule_get_socket_unix(c));
+        if (kind < 2) {
+            qvmodule_set_addr(c, sockcreate_un(path.c_str()));
+            ASSERT_EQ(qvmodule_connect(c), 0);
+        } else {
+            struct sockaddr_un a;
+            socklen_t len = sizeof a;
+            getsockname(s, reinterpret_cast<struct sockaddr *>(&a), &len);
+            ASSERT_EQ(connect(c->qvmodule_socket, reinterpret_cast<struct sockaddr *>(&a), len), 0);
+        }
+        pass();
+        EXPECT_EQ(peer_text, kind < 2 ? "UNIX/" + path + "_local" : "UNIX/");
+        qvsockaddr_t *there = qvmodule_get_addr_remote(c);
+        EXPECT_EQ(qvsockaddr_print(there), kind < 2 ? "UNIX/" + path : qvsockaddr_print(there));
+        sockfree(there);
+        qvmodule_delete(c);
+        errno = 0;
+        EXPECT_TRUE(write(accepted, "x", 1) == -1 && errno == EPIPE);
+        close(accepted);
+        qvmodule_delete(l);
+        EXPECT_TRUE(fcntl(s, F_GETFD) == -1 && errno == EBADF) << "deletion closes the socket";
+        if (kind > 0)
+            continue;
+        std::string ln = fmt("name:ulisten, socket:%d ", s),
+                    cn = fmt("name:uclient, socket:%d ", s + 1);
+        EXPECT_EQ(syslogged,
+                  (std::vector<std::string>{
+                      "6|qvmodule_addr_local:" + ln + "bind success address: UNIX/" + path,
+                      "6|qvmodule_listen:" + ln + "listen success",
+                      "6|qvmodule_connect:" + cn + "connect success",
+                      "6|qvmodule_connect:" + cn + "socket addr :UNIX/" + path + " connect success",
+                      "6|qvmodule_accept:" + ln + "accept success",
+                      "6|qvmodule_get_addr_remote:" + cn + "getpeername succedded"}));
+    }
+}
+
+// One module on one end of a socketpair, against a model of its methods,
+// flags, events and counts: methods and flags changed, directions paused
+// and resumed, the socket attached again or reset, data arriving, loop
+// turns, and dispatchers called while a direction is paused.
+struct Model {
+    static inline std::string ran;
+    static void method(qvmodule *tp, char c)
+    {
+        bool rx = c == 'r' || c == 'a';
+        EXPECT_EQ(qvmodule_current_rx_module_get(), rx ? tp : nullptr);
+        EXPECT_EQ(lock_depth, 1);
+        char buf[64];
+        while (rx && read(tp->qvmodule_socket, buf, sizeof buf) > 0) {
+        }
+        ran += c;
+    }
+    static void r(qvmodule *tp) { method(tp, 'r'); }
+    static void a(qvmodule *tp) { method(tp, 'a'); }
+    static void w(qvmodule *tp) { method(tp, 'w'); }
+    static void c(qvmodule *tp) { method(tp, 'c'); }
+
+    qvmodule *tp;
+    int fd, peer;
+    bool m[4] = {}, flag[2] = {}, off[2] = {}, armed[2] = {}, made[2] = {}, readable = false;
+    unsigned count[2] = {};
+    std::string want;
+
+    void arm(int d) { made[d] = armed[d] = true, off[d] = false; }
+    void disarm(int d) { made[d] ? (armed[d] = false, off[d] = true) : false; }
+    bool has(int d) const { return m[2 * d] || m[2 * d + 1]; }
+    // A readiness of direction d: the flag's method, or the other one.
+    void ready(int d)
+    {
+        int k = 2 * d + flag[d];
+        if (!m[k])
+            return disarm(d);
+        if (off[d])
+            return;
+        want += "rawc"[k], count[d]++;
+        readable = readable && d == 1;
+    }
+    void step(unsigned op)
+    {
+        static const qvmodule_recv_func fns[4] = {r, a, w, c};
+        qvmodule_recv_func *slots[4] = {&tp->qvmodule_recv_method, &tp->qvmodule_accept_method,
+                                        &tp->qvmodule_write_method, &tp->qvmodule_connect_method};
+        static void (*const flagset[2][2])(qvmodule *) = {
+            {qvmodule_clear_accept_flag, qvmodule_set_accept_flag},
+            {qvmodule_clear_connect_flag, qvmodule_set_connect_flag}};
+        int d = op % 2;
+        if (op < 4) {
+            (op == 0   ? qvmodule_set_recv
+             : op == 1 ? qvmodule_set_accept
+             : op == 2 ? qvmodule_set_write
+                       : qvmodule_set_connect)(tp, m[op] ? nullptr : fns[op]);
+            m[op] = !m[op];
+            EXPECT_EQ(*slots[op], m[op] ? fns[op] : nullptr);
+        } else if (op < 6) {
+            flag[d] = !flag[d];
+            flagset[d][flag[d]](tp);
+        } else if (op < 8) {
+            (d ? qvmodule_socket_disable_write : qvmodule_socket_disable_receive)(tp);
+            disarm(d);
+        } else if (op < 10) {
+            (d ? qvmodule_socket_reenable_write : qvmodule_socket_reenable_receive)(tp);
+            has(d) ? arm(d) : void();
+        } else if (op == 10) {
+            EXPECT_EQ(write(peer, "x", 1), 1);
+            readable = true;
+        } else if (op < 13) { // a readiness the loop had queued before the pause
+            (d ? qvmodule_socket_wevent_cb : qvmodule_socket_revent_cb)(fd, d ? EV_WRITE : EV_READ,
+                                                                        tp);
+            ready(d);
+        } else if (op == 13) {
+            qvmodule_set_socket(tp, fd);
+            for (int k : {0, 1})
+                has(k) ? arm(k) : disarm(k);
+        } else if (op == 14) {
+            qvmodule_reset_socket(tp);
+            for (int k : {0, 1}) {
+                has(k) ? disarm(k) : void();
+                made[k] = armed[k] = flag[k] = m[2 * k] = m[2 * k + 1] = false;
+            }
+            qvmodule_set_socket(tp, fd);
+        } else {
+            event_base_loop(g_event_base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+            for (int k : {0, 1})
+                if (armed[k] && (k == 1 || readable))
+                    ready(k);
+        }
+    }
+    void check()
+    {
+        std::ranges::sort(ran), std::ranges::sort(want);
+        ASSERT_EQ(ran, want);
+        ran.clear(), want.clear();
+        flag_t f = (flag[0] ? QVMODULE_FLAG_ACCEPT : 0) | (flag[1] ? QVMODULE_FLAG_CONNECT : 0) |
+                   (off[0] ? QVMODULE_FLAG_READ_DISABLED : 0) |
+                   (off[1] ? QVMODULE_FLAG_WRITE_DISABLED : 0);
+        ASSERT_EQ(tp->qvmodule_flags, f);
+        struct event *ev[2] = {tp->sock_revent, tp->sock_wevent};
+        for (int k : {0, 1}) {
+            ASSERT_EQ(ev[k] != nullptr, made[k]);
+            ASSERT_TRUE(!made[k] ||
+                        !!event_pending(ev[k], k ? EV_WRITE : EV_READ, nullptr) == armed[k]);
+        }
+        ASSERT_TRUE(tp->qvmodule_reads == count[0] && tp->qvmodule_writes == count[1]);
+        ASSERT_EQ(lock_depth, 0);
+    }
+};
+
+TEST_F(SocketTest, RandomisedDispatchAndArming)
+{
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv), 0);
+    Model m;
+    m.tp = mod("model"), m.fd = sv[0], m.peer = sv[1];
+    qvmodule_set_socket(m.tp, m.fd); // no methods: nothing made
+    std::mt19937 rng(2026);
+    for (int i = 0; i < 20000 && !HasFatalFailure(); i++) {
+        unsigned op = rng() % 20;
+        m.step(op > 15 ? 15 : op);
+        m.check();
+    }
+    EXPECT_GT(m.count[0] * m.count[1], 100u);
+    qvmodule_delete(m.tp);
+    close(sv[1]);
 }
 
 } // namespace

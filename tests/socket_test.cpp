@@ -579,4 +579,170 @@ TEST_F(SocketTest, RandomisedDispatchAndArming)
     close(sv[1]);
 }
 
+// An IPv4 loopback address record with the port of a fresh socket: one
+// still listening, or one closed again, where nothing answers.
+qvsockaddr_t *loopback(bool listening, int *keep)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in a = {};
+    a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd, reinterpret_cast<struct sockaddr *>(&a), len);
+    getsockname(fd, reinterpret_cast<struct sockaddr *>(&a), &len);
+    listening ? (void)listen(fd, 1), *keep = fd : close(fd);
+    return sockaddr2qvsockaddr(reinterpret_cast<struct sockaddr *>(&a), len);
+}
+
+// Failed calls return their error, leave it in errno and reach syslog at
+// LOG_ERR, the trace file only while socket tracing is on; the module and
+// the loop carry on. A null module gets EINVAL, -1 or null.
+TEST_F(SocketTest, FailuresAreReportedAndRefused)
+{
+    int held = -1, none = 4000; // nothing is open at 4000
+    qvsockaddr_t *busy = loopback(true, &held), *deaf = loopback(false, nullptr), *peer = busy;
+    qvmodule *tp[7];
+    const char *names[7] = {"bind", "refused", "udp", "accept", "peer", "closed", "noaddr"};
+    for (int i = 0; i < 7; i++) {
+        tp[i] = mod(names[i]);
+        int fd = i == 5   ? none
+                 : i == 2 ? qvmodule_get_socket_udp(tp[i])
+                          : qvmodule_get_socket_tcp(tp[i]);
+        qvmodule_fixup_socket(tp[i], fd);
+    }
+    qvmodule_set_addr(tp[1], deaf);
+    const int want[] = {EADDRINUSE, ECONNREFUSED, EOPNOTSUPP, -1, 0, 0, EDESTADDRREQ};
+    for (bool on : {false, true}) {
+        jrpc_invoke_trace("sockd", "socket", on);
+        int got[7] = {qvmodule_addr_local(tp[0], busy),
+                      qvmodule_connect(tp[1]),
+                      qvmodule_listen(tp[2], 1),
+                      qvmodule_accept(tp[3], &peer),
+                      qvmodule_get_addr_remote(tp[4]) ? 1 : 0,
+                      qvmodule_get_addr_local(tp[5]) ? 1 : 0,
+                      qvmodule_connect(tp[6])};
+        EXPECT_EQ(std::vector<int>(got, got + 7), std::vector<int>(want, want + 7));
+        EXPECT_EQ(errno, EDESTADDRREQ);
+        qvmodule_close(tp[5]);
+        qvmodule_fixup_socket(tp[5], none);
+        auto at = [&](int i) {
+            return fmt("name:%s, socket:%d ", names[i], tp[i]->qvmodule_socket);
+        };
+        std::vector<std::string> lines = {
+            "qvmodule_addr_local:" + at(0) +
+                fmt("bind failed error %s errno %d", strerror(EADDRINUSE), EADDRINUSE),
+            "qvmodule_connect:" + at(1) + "connect failed",
+            "qvmodule_listen:" + at(2) +
+                fmt("listen failed errno :%d err : %s", EOPNOTSUPP, strerror(EOPNOTSUPP)),
+            "qvmodule_accept:" + at(3) + "accept failed",
+            "qvmodule_get_addr_remote:" + at(4) + "getpeername failed",
+            "qvmodule_get_addr_local:" + at(5) + "getsockname failed",
+            "qvmodule_connect:" + at(6) + "connect failed",
+            "qvmodule_close:" + at(5) + "close failed"};
+        EXPECT_EQ(traced(), on ? lines : std::vector<std::string>());
+        for (std::string &l : lines)
+            l = "3|" + l;
+        EXPECT_EQ(syslogged, lines);
+        syslogged.clear();
+    }
+    EXPECT_EQ(peer, busy) << "a failed accept leaves the result alone";
+    errno = 1234;
+    EXPECT_TRUE(qvmodule_addr_local(nullptr, busy) == EINVAL &&
+                qvmodule_connect(nullptr) == EINVAL && qvmodule_listen(nullptr, 1) == EINVAL &&
+                errno == 1234);
+    EXPECT_TRUE(qvmodule_accept(nullptr, &peer) == -1 && !qvmodule_get_addr_remote(nullptr) &&
+                !qvmodule_get_addr_local(nullptr));
+    // Getters of a null module, and the plain setters.
+    qvmodule_set_recv(nullptr, nullptr), qvmodule_set_addr(nullptr, nullptr),
+        qvmodule_close(nullptr);
+    qvmodule_set_socket(nullptr, 1), qvmodule_reset_socket(nullptr), qvmodule_sockfree(nullptr);
+    EXPECT_TRUE(!qvmodule_get_addr(nullptr) && qvmodule_socket(nullptr) == -1 &&
+                qvmodule_socket_domain(nullptr) == -1 && !qvmodule_socket_domain_unix(nullptr) &&
+                qvmodule_proto_get(nullptr) == 0);
+    qvmodule_proto_set(tp[0], 17);
+    qvmodule_set_qvmodule_addr(tp[0], busy);
+    EXPECT_TRUE(qvmodule_proto_get(tp[0]) == 17 && qvmodule_get_addr(tp[0]) == busy);
+    qvmodule_reset_qvmodule_addr(tp[0]);
+    qvmodule_set_addr(tp[2], busy);
+    qvmodule_sockfree(tp[2]);
+    EXPECT_TRUE(!qvmodule_get_addr(tp[0]) && !qvmodule_get_addr(tp[2]));
+    // A second close finds no descriptor, and leaves alone whatever got its number since.
+    int fd = qvmodule_socket(tp[0]);
+    qvmodule_close(tp[0]);
+    int reused = socket(AF_INET, SOCK_DGRAM, 0);
+    qvmodule_close(tp[0]);
+    EXPECT_TRUE(reused == fd && fcntl(fd, F_GETFD) != -1 && syslogged.empty());
+    qvmodule_fixup_socket(tp[5], -1);
+    for (qvmodule *m : tp)
+        qvmodule_delete(m);
+    close(held), close(reused);
+}
+
+struct Fatal {
+    void (*before)();
+    const char *text;
+    std::function<void()> call;
+    static void as_is() {}
+    static void no_base() { g_event_base = nullptr; }
+    static void no_memory()
+    {
+        event_set_mem_functions([](size_t) -> void * { return nullptr; }, realloc, free);
+    }
+};
+
+TEST_F(SocketDeathTest, FatalChecks)
+{
+    int sv[2];
+    socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
+    qvmodule *tp = mod("fatal");
+    qvmodule_fixup_socket(tp, sv[0]);
+    auto reader = [=] { qvmodule_set_recv(tp, Model::r), qvmodule_set_socket(tp, sv[0]); };
+    auto writer = [=] { qvmodule_set_write(tp, Model::w), qvmodule_set_socket(tp, sv[0]); };
+    const Fatal cases[] = {
+        {Fatal::as_is, "qvmodule_set_socket: assertion \"tp->qvmodule_socket == s\"",
+         [=] { qvmodule_set_socket(tp, sv[1]); }},
+        {Fatal::as_is, "qvmodule_accept: assertion \"addr\"",
+         [=] { qvmodule_accept(tp, nullptr); }},
+        {Fatal::as_is, "qvmodule_socket_revent_cb: assertion \"\\(event & 0x02\\) == 0x02\"",
+         [=] { qvmodule_socket_revent_cb(sv[0], EV_WRITE, tp); }},
+        {Fatal::as_is, "qvmodule_socket_wevent_cb: assertion \"\\(event & 0x04\\) == 0x04\"",
+         [=] { qvmodule_socket_wevent_cb(sv[0], EV_READ, tp); }},
+        {Fatal::as_is, "qvmodule_socket_revent_cb: assertion \"fd == tp->qvmodule_socket\"",
+         [=] { qvmodule_socket_revent_cb(sv[1], EV_READ, tp); }},
+        {Fatal::as_is, "qvmodule_socket_wevent_cb: assertion \"fd == tp->qvmodule_socket\"",
+         [=] { qvmodule_socket_wevent_cb(sv[1], EV_WRITE, tp); }},
+        {Fatal::no_memory, "qvmodule_socket_enable_read_internal: assertion \"tp->sock_revent\"",
+         reader},
+        {Fatal::no_memory, "qvmodule_socket_enable_write_internal: assertion \"tp->sock_wevent\"",
+         writer},
+        {Fatal::no_base,
+         "enable_read_internal: assertion \"event_add\\(tp->sock_revent, \\(\\(void \\*\\)0\\)\\) "
+         "== 0\"",
+         reader},
+        {Fatal::no_base,
+         "enable_write_internal: assertion \"event_add\\(tp->sock_wevent, \\(\\(void \\*\\)0\\)\\) "
+         "== 0\"",
+         writer},
+        {Fatal::as_is, "disable_read_internal: assertion \"event_del\\(tp->sock_revent\\) == 0\"",
+         [=] {
+             tp->sock_revent = event_new(nullptr, sv[0], EV_READ, nullptr, nullptr);
+             qvmodule_socket_disable_receive(tp);
+         }},
+        {Fatal::as_is, "disable_write_internal: assertion \"event_del\\(tp->sock_wevent\\) == 0\"",
+         [=] {
+             tp->sock_wevent = event_new(nullptr, sv[0], EV_WRITE, nullptr, nullptr);
+             qvmodule_socket_disable_write(tp);
+         }},
+        {Fatal::as_is, "qvmodule_set_option_internal: assertion \"0\"",
+         [=] {
+             tp->qvmodule_socket_domain = AF_INET6;
+             qvmodule_set_option(tp, QVMODULE_OPT_IP_TOS, 0);
+         }},
+    };
+    for (const Fatal &c : cases)
+        EXPECT_DEATH((c.before(), c.call()), std::string("qv_socket_io.cpp:.*") + c.text);
+    qvmodule_fixup_socket(tp, -1);
+    qvmodule_delete(tp);
+    close(sv[0]), close(sv[1]);
+}
+
 } // namespace

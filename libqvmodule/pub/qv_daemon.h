@@ -200,26 +200,34 @@ QV_EXPORT void qvmodule_fixup_socket(qvmodule *tp, int fd) QV_NOEXCEPT;
 /* Detaches the socket without closing it: frees its events, clears the
  * four methods and the accept and connect flags. */
 QV_EXPORT void qvmodule_reset_socket(qvmodule *tp) QV_NOEXCEPT;
-/* Detaches and closes the socket; the address stays with the module. */
+/* Detaches and closes the socket; the address stays with the module. The
+ * descriptor is closed once, even when close is interrupted: Linux has
+ * released it by then, and a retry could close one another thread has
+ * just been given. */
 QV_EXPORT void qvmodule_close(qvmodule *tp) QV_NOEXCEPT;
 
 /* These three return 0 or the failing call's errno, also left in errno;
- * 22 (EINVAL) for a null tp. ap is not kept. */
+ * 22 (EINVAL) for a null tp. Binding reports a UNIX address by its path,
+ * an IPv4 one by its address as a number; ap is not kept, and a null ap is
+ * refused with EINVAL. */
 QV_EXPORT int qvmodule_addr_local(qvmodule *tp, qvsockaddr_t *ap) QV_NOEXCEPT;
 /* Connects to qvmodule_addr; EINPROGRESS for a non-blocking connect under
- * way. */
+ * way, EDESTADDRREQ when the module has no address. */
 QV_EXPORT int qvmodule_connect(qvmodule *tp) QV_NOEXCEPT;
 /* Listens and re-arms the read event. */
 QV_EXPORT int qvmodule_listen(qvmodule *tp, int backlog) QV_NOEXCEPT;
 /* The new descriptor, unattached, with the peer's address in *addr (the
  * caller's to free), or -1. An unnamed UNIX peer is named after the
- * listener's path with "_local" appended. */
+ * listener's path with "_local" appended: the path of the listener's
+ * qvmodule_addr, else the one its socket is bound to; a listener without
+ * a path of its own gives the peer an empty one. */
 QV_EXPORT int qvmodule_accept(qvmodule *tp, qvsockaddr_t **addr) QV_NOEXCEPT;
 /* The peer's address, the caller's to free, or null. A peer reported with
  * no address gives null on a listener and else the module's own
  * qvmodule_addr, which stays the module's. */
 QV_EXPORT qvsockaddr_t *qvmodule_get_addr_remote(qvmodule *tp) QV_NOEXCEPT;
-/* The socket's own address, the caller's to free, or null. */
+/* The socket's own address, the caller's to free, or null (also when the
+ * kernel reports no address at all). */
 QV_EXPORT qvsockaddr_t *qvmodule_get_addr_local(qvmodule *tp) QV_NOEXCEPT;
 /* 0 or -1 (errno set). IP_TTL and IP_TOS on a UNIX socket do nothing and
  * succeed. */

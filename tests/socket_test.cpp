@@ -158,34 +158,28 @@ TEST_F(SocketTest, OpeningRetriesAndShorthands)
     };
     qv_socket_sleep_fn = [](unsigned s) { return slept.push_back(s), 0u; };
     qvmodule *tp = mod("open");
+    auto ip = [](qvmodule *m) { return qvmodule_get_socket_ip(m, 89); };
+    auto dgram = [](qvmodule *m) { return qvmodule_get_socket(m, 1, 2, 0); };
     const struct {
-        std::function<int()> open;
+        int (*open)(qvmodule *);
         std::vector<int> script, args;
         int err;
         size_t sleeps;
-    } rows[] = {{[&] { return qvmodule_get_socket_tcp(tp); }, {}, {2, 1, 0}, 0, 0},
-                {[&] { return qvmodule_get_socket_udp(tp); }, {EINTR, EINTR}, {2, 2, 0}, 0, 0},
-                {[&] { return qvmodule_get_socket_unix(tp); }, {ENOBUFS}, {1, 1, 0}, 0, 1},
-                {[&] { return qvmodule_get_socket_ip(tp, 89); },
-                 {ENOBUFS, EINTR, ENOBUFS},
-                 {2, 3, 89},
-                 0,
-                 2},
-                {[&] { return qvmodule_get_socket_ip(tp, 89); }, {EMFILE}, {2, 3, 89}, EMFILE, 0},
-                {[&] { return qvmodule_get_socket(tp, 1, 2, 0); },
-                 {ENOBUFS, EINTR, ENOBUFS, ENOBUFS},
-                 {1, 2, 0},
-                 ENOBUFS,
-                 2},
-                {[&] { return qvmodule_get_socket(tp, 2, 1, 0); },
-                 {ENOBUFS, ENOBUFS, EACCES},
-                 {2, 1, 0},
-                 EACCES,
-                 2}};
+    } rows[] = {
+        // clang-format off
+        {qvmodule_get_socket_tcp, {}, {2, 1, 0}, 0, 0},
+        {qvmodule_get_socket_udp, {EINTR, EINTR}, {2, 2, 0}, 0, 0},
+        {qvmodule_get_socket_unix, {ENOBUFS}, {1, 1, 0}, 0, 1},
+        {ip, {ENOBUFS, EINTR, ENOBUFS}, {2, 3, 89}, 0, 2},
+        {ip, {EMFILE}, {2, 3, 89}, EMFILE, 0},
+        {dgram, {ENOBUFS, EINTR, ENOBUFS, ENOBUFS}, {1, 2, 0}, ENOBUFS, 2},
+        {dgram, {ENOBUFS, ENOBUFS, EACCES}, {1, 2, 0}, EACCES, 2},
+        // clang-format on
+    };
     for (const auto &r : rows) {
         open_script = r.script, opened.clear(), slept.clear();
         tp->qvmodule_socket_domain = 0;
-        int s = r.open();
+        int s = r.open(tp);
         EXPECT_EQ(s < 0 ? errno : 0, r.err);
         EXPECT_EQ(opened, std::vector<std::vector<int>>(r.script.size() + !r.err, r.args));
         EXPECT_TRUE(slept == std::vector<unsigned>(r.sleeps, 5) &&

@@ -268,6 +268,8 @@ extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept
         {JRPC_REG_SHOW, "timer", "timer information", "timer", 0, qvmodule_timer_show},
         {JRPC_REG_TRACE, nullptr, nullptr, "timer", 1, qvmodule_timer_trace_on},
         {JRPC_REG_TRACE, nullptr, nullptr, "timer", 0, qvmodule_timer_trace_off},
+        {JRPC_REG_TRACE, nullptr, nullptr, "socket", 1, qvmodule_socket_trace_on},
+        {JRPC_REG_TRACE, nullptr, nullptr, "socket", 0, qvmodule_socket_trace_off},
     };
     for (const UiCommand &c : commands) {
         if (c.kind == JRPC_REG_SHOW)

@@ -46,6 +46,9 @@ extern "C" QV_EXPORT qvmodule *qvmodule_alloc(const char *name, int, void *) noe
 
 extern "C" QV_EXPORT int qvmodule_create(qvmodule *tp) noexcept
 {
+    // A descriptor stored before creation goes live with the module.
+    if (tp->qvmodule_socket != -1)
+        qvmodule_set_socket(tp, tp->qvmodule_socket);
     qv::append(tp, &qvmodule_head);
     trace_module(__func__, tp);
     return 1;
@@ -76,8 +79,11 @@ extern "C" QV_EXPORT void qvmodule_delete(qvmodule *tp) noexcept
     trace_module(__func__, tp);
     if (tp->qvmodule_flags & QVMODULE_FLAG_NO_DELETE)
         return;
+    if (tp->qvmodule_socket != -1)
+        qvmodule_close(tp);
     qvmodule_timer_delete_all(tp);
     qvmodule_job_delete_all(tp);
+    qvmodule_sockfree(tp);
     // A module that was never created has no links to undo.
     if (tp->qvmodule_forw)
         qv::remque(tp);

@@ -20,6 +20,7 @@
 
 int (*qv_trace_fputs_fn)(const char *s, FILE *fp) = fputs;
 int (*qv_trace_statfs_fn)(const char *path, struct statfs *buf) = statfs;
+void (*qv_trace_vsyslog_fn)(int priority, const char *fmt, va_list ap) = vsyslog;
 
 namespace
 {
@@ -192,7 +193,7 @@ extern "C" QV_EXPORT void trace_cb(trace_file_t *traceptr, boolean do_log, int s
     }
     if (syslog_level != -1) {
         va_start(ap, fmt);
-        vsyslog(syslog_level, fmt, ap);
+        qv_trace_vsyslog_fn(syslog_level, fmt, ap);
         va_end(ap);
     }
 }

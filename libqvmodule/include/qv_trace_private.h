@@ -23,5 +23,7 @@ void trace_rotate(trace_file_t *traceptr) noexcept;
  * tests replace them to simulate a full disk. */
 extern int (*qv_trace_fputs_fn)(const char *s, FILE *fp);
 extern int (*qv_trace_statfs_fn)(const char *path, struct statfs *buf);
+/* Where trace_cb hands messages for syslog; tests read them from here. */
+extern void (*qv_trace_vsyslog_fn)(int priority, const char *fmt, va_list ap);
 
 #endif

@@ -344,3 +344,29 @@ TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
     });
     EXPECT_EQ(status, 0);
 }
+
+// Every charged block, fresh, copied or resized, and every pool block can hold any object.
+TEST(Memory, BlocksAreAlignedForAnyObject)
+{
+    const size_t want = sizeof(void *) == 8 ? alignof(max_align_t) : 8;
+    auto misalignment = [want](const void *p) { return reinterpret_cast<uintptr_t>(p) % want; };
+    qvmodule mod{};
+    mod.qvmodule_name = "aligned";
+    for (size_t size : {1, 3, 4, 7, 8, 15, 16, 17, 31, 64, 100, 128, 129, 1000, 1024, 1025, 5000}) {
+        void *p = qvmodule_mem_malloc(&mod, size);
+        EXPECT_EQ(misalignment(p), 0u) << "malloc of " << size;
+        EXPECT_EQ(qvmodule_get_actual_alloc_size(p), size);
+        void *q = qvmodule_mem_realloc(nullptr, p, size * 2 + 1);
+        EXPECT_EQ(misalignment(q), 0u) << "resize of " << size;
+        std::string text(size, 'a');
+        char *s = qvmodule_mem_strdup(&mod, text.c_str());
+        EXPECT_EQ(misalignment(s), 0u) << "copy of " << size;
+        block_t tb = qvmodule_block_init(size, "aligned");
+        void *b = qvmodule_block_alloc(tb);
+        EXPECT_EQ(misalignment(b), 0u) << "pool block of " << size;
+        qvmodule_block_free(tb, b);
+        qvmodule_mem_free(&mod, s);
+        qvmodule_mem_free(nullptr, q);
+    }
+    qvmodule_mem_cookie_free(&mod);
+}

@@ -70,13 +70,17 @@ void default_trace_settings(qv_daemon_app_ctx_t *ctx)
 }
 
 // The trace file's own open aborts on failure; start-up wants the quiet
-// refusal instead, so it tries the path first.
+// refusal instead, so it tries the path first. A path that exists but is
+// no regular file is left to the open's own fatal check.
 void open_trace_file(qv_daemon_app_ctx_t *ctx)
 {
-    FILE *probe = trace_file_open_internal(ctx->log_file_name, 0666);
-    if (probe == nullptr)
-        refuse_trace_file(ctx->log_file_name);
-    fclose(probe);
+    struct stat st;
+    if (stat(ctx->log_file_name, &st) != 0 || (st.st_mode & S_IFREG)) {
+        FILE *probe = trace_file_open_internal(ctx->log_file_name, 0666);
+        if (probe == nullptr)
+            refuse_trace_file(ctx->log_file_name);
+        fclose(probe);
+    }
     trace_global = trace_file_open(ctx->log_file_name, ctx->log_file_size, ctx->log_file_count);
 }
 

@@ -64,9 +64,17 @@ bool write_line(trace_file_t *tf, const char *line, size_t len)
 
 FILE *trace_file_open_internal(const char *file_name, int perms) noexcept
 {
-    int fd = open(file_name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, perms);
+    // Without O_NONBLOCK, a FIFO at the path would block the open until a
+    // reader came; only a regular file is taken, in blocking mode.
+    int fd = open(file_name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, perms);
     if (fd < 0)
         return nullptr;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+        fcntl(fd, F_SETFL, O_WRONLY | O_APPEND) != 0) {
+        close(fd);
+        return nullptr;
+    }
     FILE *fp = fdopen(fd, "a");
     if (fp == nullptr) {
         close(fd);

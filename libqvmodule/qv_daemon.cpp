@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <event2/event.h>
+#include <event2/thread.h>
+#include <pthread.h>
 
 #include <string>
 
@@ -39,6 +41,10 @@ constexpr uint32_t kDefaultLogSize = 5000000;
 constexpr uint8_t kDefaultLogCount = 5;
 
 char log_file_name[256];
+
+// The thread that runs the loop; until a daemon starts, every caller is.
+pthread_t loop_thread;
+bool loop_thread_known;
 
 const char *basename_of(const char *path)
 {
@@ -108,6 +114,11 @@ void run_app_modules(const qv_daemon_app_ctx_t *ctx)
 
 } // namespace
 
+bool qv_on_loop_thread() noexcept
+{
+    return !loop_thread_known || pthread_equal(loop_thread, pthread_self());
+}
+
 void qv_libevent_trace_fn(int severity, const char *msg) noexcept
 {
     if (trace_type_is_enabled(trace_global, QV_TRACE_LIBEVENT))
@@ -145,6 +156,12 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
     if (ctx->args_parser_fn)
         ctx->args_parser_fn(argc, argv);
 
+    // Other threads arm timers and queue jobs under the giant lock while
+    // the loop waits in the kernel or walks its queues without it: libevent
+    // must lock its own base, and wake the loop for what they add.
+    QV_ASSERT(evthread_use_pthreads() == 0);
+    loop_thread = pthread_self();
+    loop_thread_known = true;
     g_event_base = event_base_new();
     QV_ASSERT(g_event_base);
     struct timeval tv;
@@ -157,6 +174,8 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
 
 extern "C" QV_EXPORT void qv_daemon_loop(void) noexcept
 {
+    if (!pthread_equal(loop_thread, pthread_self()))
+        loop_thread = pthread_self();
     event_base_loop(g_event_base, 0);
 }
 

@@ -234,7 +234,10 @@ qvmodule_timer *qvmodule_timer_create_internal(qvmodule *tp, const char *name, f
     tip->timer_qvmodule = tp;
     tip->timer_func = func;
     tip->timer_data = data;
-    tip->timer_event = event_new(g_event_base, -1, EV_TIMEOUT, qvmodule_timer_event_cb, tip);
+    // EV_FINALIZE: another thread's event_del must not wait for a callback
+    // that is itself waiting for the giant lock which that thread holds.
+    tip->timer_event =
+        event_new(g_event_base, -1, EV_TIMEOUT | EV_FINALIZE, qvmodule_timer_event_cb, tip);
     QV_ASSERT(tip->timer_event);
     qv::append(tip, &timer_head);
     trace_name("qvmodule_timer_create_internal", tip);
@@ -364,13 +367,16 @@ void qvmodule_timer_event_cb(int, short event, void *arg) noexcept
 {
     auto *tip = static_cast<qvmodule_timer *>(arg);
     QV_ASSERT((event & 0x01) == 0x01);
+    // The record is another thread's to change until the lock is held.
+    QV_GIANT_LOCK_SCOPE();
+    if (tip->timer_flags & QVMODULE_TIMER_FLAG_FINALIZING)
+        return;
     if (tip->timer_flags & QVMODULE_TIMER_FLAG_DELETED) {
         qvmodule_timer_delete_internal(tip);
         return;
     }
     tip->timer_flags =
         (tip->timer_flags & ~QVMODULE_TIMER_FLAG_RESCHEDULED) | QVMODULE_TIMER_FLAG_DISPATCHING;
-    QV_GIANT_LOCK_SCOPE();
     if (tracing())
         trace_cb(trace_global, TRUE, -1, "%s: dispatching timer name:%s", "qvmodule_timer_event_cb",
                  tip->timer_name);
@@ -410,11 +416,30 @@ extern "C" QV_EXPORT void qvmodule_timer_expire_immediately(qvmodule_timer *tip)
     tip->timer_flags |= QVMODULE_TIMER_FLAG_RESCHEDULED | QVMODULE_TIMER_FLAG_ARMED;
 }
 
+namespace
+{
+
+// Frees a record that another thread deleted, on the loop thread, once no
+// callback of its event can still be under way.
+void free_finalized(struct event *, void *arg) noexcept
+{
+    QV_GIANT_LOCK_SCOPE();
+    qvmodule_block_free(qvmodule_timer_block_index, arg);
+}
+
+} // namespace
+
 void qvmodule_timer_delete_internal(qvmodule_timer *tip) noexcept
 {
     trace_name("qvmodule_timer_delete_internal", tip);
     QV_GIANT_LOCK_SCOPE();
     qv::remque(tip);
+    if (!qv_on_loop_thread()) {
+        // The callback may have begun and be waiting for the lock.
+        tip->timer_flags |= QVMODULE_TIMER_FLAG_FINALIZING;
+        QV_ASSERT(event_free_finalize(0, tip->timer_event, free_finalized) == 0);
+        return;
+    }
     QV_ASSERT(event_del(tip->timer_event) == 0);
     event_free(tip->timer_event);
     qvmodule_block_free(qvmodule_timer_block_index, tip);

@@ -484,8 +484,8 @@ TEST(TimerJobDaemon, TraceLinesAndTheLockAmongThem)
               "timer_delete_internal: name:t1; L; U; U; L; U; L; U; L; U; L; U; timer_delete_all:; "
               "timer_delete: name:t2; timer_delete_internal: name:t2; L; U; "
               "L; U; job_create_foreground: name:f; L; U; job_create_background: name:b; "
-              "job_event_cb: dispatching job, name:f; L; L; job_delete_internal: name:f; U; U; "
-              "job_event_cb: dispatching job, name:b; L; job_delete: name:b; job_delete: name:b; "
+              "L; job_event_cb: dispatching job, name:f; L; job_delete_internal: name:f; U; U; "
+              "L; job_event_cb: dispatching job, name:b; job_delete: name:b; job_delete: name:b; "
               "L; job_delete_internal: name:b; U; U; L; U; job_create_foreground: name:c; "
               "job_delete_all:; job_delete: name:c; L; job_delete_internal: name:c; U; "
               "L; U; L; U; L; U; L; L; U; U");

@@ -14,6 +14,11 @@ jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept;
 void qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept;
 void qv_libevent_fatal_fn(int err) noexcept;
 
+/* Whether the caller runs on the event loop's thread. A record whose
+ * event another thread deletes may have its callback under way there, so
+ * it is freed by libevent's finalizer on the loop thread instead. */
+bool qv_on_loop_thread() noexcept;
+
 extern qv_giant_lock_func qv_giant_lock_unlock_fn;
 extern const char *qv_gian_lock_last_caller;
 extern int qv_gian_lock_last_caller_line;

@@ -10,6 +10,9 @@
 #define QVMODULE_JOB_FLAG_DELETED 0x01u
 /* The job's function is running. */
 #define QVMODULE_JOB_FLAG_DISPATCHING 0x02u
+/* Deleted from another thread: libevent's finalizer frees it, and a
+ * callback already under way leaves it alone. */
+#define QVMODULE_JOB_FLAG_FINALIZING 0x04u
 
 /* Pause of a background job between the end of a run and the next. */
 #define QVMODULE_JOB_BG_PERIOD_USEC 1000

@@ -17,6 +17,9 @@
 #define QVMODULE_TIMER_FLAG_RESCHEDULED 0x04u
 /* Deletion requested; freed as soon as its function is not running. */
 #define QVMODULE_TIMER_FLAG_DELETED 0x08u
+/* Deleted from another thread: libevent's finalizer frees it, and a
+ * callback already under way leaves it alone. */
+#define QVMODULE_TIMER_FLAG_FINALIZING 0x10u
 
 /* Jitter percentages above this count as this. */
 #define QVMODULE_TIMER_MAX_JITTER 50u

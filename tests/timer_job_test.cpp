@@ -59,8 +59,8 @@ class TimerJobTest : public ::testing::Test
         qvmodule_delete(tp);
         qv_giant_lock_func_init(nullptr);
         EXPECT_TRUE(Lock::idle());
-        EXPECT_FALSE(qvmodule_timer_block_index->tb_n_alloc ||
-                     qvmodule_job_block_index->tb_n_alloc);
+        EXPECT_EQ(qvmodule_timer_block_index->tb_n_alloc, 0u);
+        EXPECT_EQ(qvmodule_job_block_index->tb_n_alloc, 0u);
     }
     static void pass() { event_base_loop(g_event_base, EVLOOP_ONCE | EVLOOP_NONBLOCK); }
     qvmodule *tp = module("mod");
@@ -188,8 +188,10 @@ TEST_F(TimerJobTest, TimerCreationAndArmingMapAbsentValues)
     EXPECT_GT(lefts.size(), 1u);
     utime_t untouched = {7, 7};
     qvmodule_timer_utime_left(nullptr, &untouched);
-    EXPECT_TRUE(untouched.ut_sec == 7 && untouched.ut_usec == 7);
-    EXPECT_FALSE(qvmodule_timer_time_left(nullptr) || qvmodule_timer_running(nullptr));
+    EXPECT_EQ(untouched.ut_sec, 7);
+    EXPECT_EQ(untouched.ut_usec, 7);
+    EXPECT_EQ(qvmodule_timer_time_left(nullptr), 0);
+    EXPECT_FALSE(qvmodule_timer_running(nullptr));
     qvmodule_timer_delete(nullptr);
 }
 
@@ -206,9 +208,11 @@ TEST(TimerJitter, UnitsCapAndBounds)
         struct timeval iv = {time_t(sec), suseconds_t(rng() % 1000000)}, a = iv;
         timer_apply_jitter(&a, &iv, j);
         int64_t dec = usec(iv) - usec(a);
-        ASSERT_TRUE(a.tv_usec >= 0 && a.tv_usec < 1000000);
-        ASSERT_TRUE(dec >= 0 && dec <= usec(iv) * cap / 200 && dec % r[2] == 0)
-            << sec << "s " << iv.tv_usec << "us j" << j;
+        ASSERT_GE(a.tv_usec, 0);
+        ASSERT_LT(a.tv_usec, 1000000);
+        ASSERT_GE(dec, 0) << sec << "s " << iv.tv_usec << "us j" << j;
+        ASSERT_LE(dec, usec(iv) * cap / 200) << sec << "s " << iv.tv_usec << "us j" << j;
+        ASSERT_EQ(dec % r[2], 0) << sec << "s " << iv.tv_usec << "us j" << j;
         ASSERT_LT(uint64_t(grand(n)) * 2, uint64_t(n) + (n == 0));
     }
 }
@@ -238,28 +242,38 @@ struct Chaos {
             qvmodule_timer_delete_all(o), qvmodule_job_delete_all(o);
         live.clear();
         check(nullptr);
-        EXPECT_TRUE(runs[0] > 300 && runs[1] > 300) << runs[0] << " " << runs[1];
+        EXPECT_GT(runs[0], 300) << "timer dispatches";
+        EXPECT_GT(runs[1], 300) << "job dispatches";
     }
     static void timer_cb(qvmodule_timer *t, time_t interval)
     {
         auto *c = static_cast<Chaos *>(qvmodule_timer_data(t));
         Rec *m = c->find(t);
-        ASSERT_TRUE(m && m->sched && interval == m->period / 1000000);
+        ASSERT_NE(m, nullptr) << "a timer the model does not hold fired";
+        ASSERT_TRUE(m->sched) << "an unscheduled timer fired";
+        ASSERT_EQ(interval, m->period / 1000000);
         m->sched = m->resched = false;
         if ((m = c->dispatched(t, 0)) && !m->resched && m->period) { // the dispatcher re-arms
             c->arm_since = cached_now();
             c->arm(*m, m->period, m->period, m->jitter);
         }
-        ASSERT_TRUE(m || !qvmodule_timer_qvmodule(t));
+        if (m == nullptr) {
+            ASSERT_EQ(qvmodule_timer_qvmodule(t), nullptr) << "deleted, yet owned";
+        }
         c->check(t);
     }
     static void job_cb(qvmodule_job *jp)
     {
         auto *c = static_cast<Chaos *>(qvmodule_job_data(jp));
         Rec *m = c->find(jp);
-        ASSERT_TRUE(m && (!m->fg || std::ranges::find(c->live, true, &Rec::fg)->r == jp));
+        ASSERT_NE(m, nullptr) << "a job the model does not hold ran";
+        if (m->fg) {
+            ASSERT_EQ(std::ranges::find(c->live, true, &Rec::fg)->r, jp) << "out of order";
+        }
         bool fg = m->fg;
-        ASSERT_TRUE(c->dispatched(jp, 1) || !qvmodule_job_qvmodule(jp));
+        if (c->dispatched(jp, 1) == nullptr) {
+            ASSERT_EQ(qvmodule_job_qvmodule(jp), nullptr) << "deleted, yet owned";
+        }
         if (fg)
             c->forget([jp](const Rec &x) { return x.r == jp; });
         c->check(jp);
@@ -343,23 +357,28 @@ struct Chaos {
                 (m.job ? R"(,"Job")" : R"(,"Timer")") + (R"(:{"Name":")" + name) + R"(chaos"})";
             if (m.r != self && !m.job)
                 expect_timer(m);
-            ASSERT_TRUE(m.r == self || !m.job ||
-                        (qvmodule_job_qvmodule(m.j()) == m.owner &&
-                         qvmodule_job_priority(m.j()) == (m.fg ? 128u : 64u) &&
-                         event_pending(m.j()->job_event, m.fg ? EV_READ : EV_TIMEOUT, nullptr)));
+            if (m.r != self && m.job) {
+                ASSERT_EQ(qvmodule_job_qvmodule(m.j()), m.owner);
+                ASSERT_EQ(qvmodule_job_priority(m.j()), m.fg ? 128u : 64u);
+                ASSERT_TRUE(event_pending(m.j()->job_event, m.fg ? EV_READ : EV_TIMEOUT, nullptr));
+            }
         }
         for (int i = 0; i < 3; i++)
             if (dying && std::erase(got[i], self))
                 in_pool[i > 0]++, dying = 0;
-        ASSERT_TRUE(!dying && got[0] == want[0] && got[1] == want[1] && got[2] == want[2]);
+        ASSERT_FALSE(dying) << "the running record left its list early";
+        for (int i = 0; i < 3; i++)
+            ASSERT_EQ(got[i], want[i]) << "list " << i;
         ASSERT_EQ(qvmodule_timer_block_index->tb_n_alloc, in_pool[0]);
         ASSERT_EQ(qvmodule_job_block_index->tb_n_alloc, in_pool[1]);
         // The shown lists, a job list only when it has jobs, jobs bare.
         for (int k : {1, 2})
             jobs += shown[k].empty() ? "" : ",\"" + list[k] + "\":{" + shown[k].substr(1) + "}";
-        ASSERT_TRUE(self || (show(qvmodule_timer_show) ==
-                                 R"({"Timer List":{)" + shown[0].substr(!shown[0].empty()) + "}}" &&
-                             show(qvmodule_job_show) == "{" + jobs.substr(!jobs.empty()) + "}"));
+        if (self == nullptr) {
+            ASSERT_EQ(show(qvmodule_timer_show),
+                      R"({"Timer List":{)" + shown[0].substr(!shown[0].empty()) + "}}");
+            ASSERT_EQ(show(qvmodule_job_show), "{" + jobs.substr(!jobs.empty()) + "}");
+        }
     }
 
     std::mt19937 rng;
@@ -492,7 +511,8 @@ TEST(TimerJobDaemon, TraceLinesAndTheLockAmongThem)
         event_base_loop(g_event_base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
         return on && trace_global->trace_mask == QV_TRACE_SOCKET && Lock::idle() ? 0 : 2;
     });
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+    ASSERT_EQ(WEXITSTATUS(status), 0);
     // The messages after "go", less their leading "qvmodule_".
     for (const std::string &line : qvtest::read_lines(log)) {
         std::string msg = line.substr(line.find("]  ") + 3);

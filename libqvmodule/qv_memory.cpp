@@ -152,7 +152,35 @@ void dec_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes, uint32_t n_frees)
     tmc->tmc_n_alloc -= std::min(tmc->tmc_n_alloc, n_frees);
 }
 
-void_t charged_malloc(qvmodule_mem_cookie_t *tmc, size_t size)
+// The counting of one allocation and one free. Without a lock function
+// they run inline; with one, out of line under the lock, which keeps the
+// lock's calls and registers off the common path: about 20 of the 356
+// instructions that a 16-byte allocation and free took with the guard inline.
+void count_alloc(qvmodule_mem_cookie_t *tmc, uint32_t size)
+{
+    inc_stats(tmc, size, 1);
+    tmc->tmc_n_func_calls++;
+}
+
+void count_free(qvmodule_mem_cookie_t *tmc, uint32_t size)
+{
+    dec_stats(tmc, size, 1);
+    tmc->tmc_n_func_calls++;
+}
+
+[[gnu::noinline]] void count_alloc_locked(qvmodule_mem_cookie_t *tmc, uint32_t size) noexcept
+{
+    QvGiantLockGuard lock("qvmodule_cookie_malloc", __LINE__);
+    count_alloc(tmc, size);
+}
+
+[[gnu::noinline]] void count_free_locked(qvmodule_mem_cookie_t *tmc, uint32_t size) noexcept
+{
+    QvGiantLockGuard lock("qvmodule_cookie_free", __LINE__);
+    count_free(tmc, size);
+}
+
+[[gnu::always_inline]] inline void_t charged_malloc(qvmodule_mem_cookie_t *tmc, size_t size)
 {
     // Sizes the header cannot hold are refused like an exhausted heap; the
     // one unsigned comparison refuses 0 as well.
@@ -164,19 +192,19 @@ void_t charged_malloc(qvmodule_mem_cookie_t *tmc, size_t size)
     void_t block = mem + kBlockOffset;
     auto n = static_cast<uint32_t>(size);
     *header_of(block) = n;
-    QvGiantLockGuard lock("qvmodule_cookie_malloc", __LINE__);
-    inc_stats(tmc, n, 1);
-    tmc->tmc_n_func_calls++;
+    if (qv_giant_lock_unlock_fn != nullptr) [[unlikely]]
+        count_alloc_locked(tmc, n);
+    else
+        count_alloc(tmc, n);
     return block;
 }
 
-void charged_free(qvmodule_mem_cookie_t *tmc, void *ptr)
+[[gnu::always_inline]] inline void charged_free(qvmodule_mem_cookie_t *tmc, void *ptr)
 {
-    {
-        QvGiantLockGuard lock("qvmodule_cookie_free", __LINE__);
-        dec_stats(tmc, *header_of(ptr), 1);
-        tmc->tmc_n_func_calls++;
-    }
+    if (qv_giant_lock_unlock_fn != nullptr) [[unlikely]]
+        count_free_locked(tmc, *header_of(ptr));
+    else
+        count_free(tmc, *header_of(ptr));
     free(heap_block_of(ptr));
 }
 

@@ -13,8 +13,6 @@
 #include <event2/thread.h>
 #include <pthread.h>
 
-#include <string>
-
 #include "qv_assert.h"
 #include "qv_daemon_private.h"
 #include "qv_memory.h"
@@ -30,9 +28,9 @@ QV_EXPORT struct event_base *g_event_base = nullptr;
 QV_EXPORT trace_handle *trace_global = nullptr;
 }
 
-qv_giant_lock_func qv_giant_lock_unlock_fn = nullptr;
-const char *qv_gian_lock_last_caller = nullptr;
-int qv_gian_lock_last_caller_line = 0;
+qv_giant_lock_func qv::qv_giant_lock_unlock_fn = nullptr;
+const char *qv::qv_gian_lock_last_caller = nullptr;
+int qv::qv_gian_lock_last_caller_line = 0;
 
 namespace
 {
@@ -58,6 +56,13 @@ const char *basename_of(const char *path)
     exit(0);
 }
 
+// The same refusal for a default path too long for its buffer, named whole.
+[[noreturn]] void refuse_default_trace_file()
+{
+    trace_cb(nullptr, FALSE, LOG_ERR, "Unable to open trace_file:/var/log/%s.log", progname);
+    exit(0);
+}
+
 // Fills the defaulted trace settings of the context. A default path that
 // would not fit its buffer is refused rather than cut, since a cut path
 // would name some other file.
@@ -66,7 +71,7 @@ void default_trace_settings(qv_daemon_app_ctx_t *ctx)
     if (ctx->log_file_name == nullptr) {
         int n = snprintf(log_file_name, sizeof(log_file_name), "/var/log/%s.log", progname);
         if (n < 0 || static_cast<size_t>(n) >= sizeof(log_file_name))
-            refuse_trace_file((std::string("/var/log/") + progname + ".log").c_str());
+            refuse_default_trace_file();
         ctx->log_file_name = log_file_name;
     }
     if (ctx->log_file_size == 0)
@@ -114,18 +119,18 @@ void run_app_modules(const qv_daemon_app_ctx_t *ctx)
 
 } // namespace
 
-bool qv_on_loop_thread() noexcept
+bool qv::qv_on_loop_thread() noexcept
 {
     return !loop_thread_known || pthread_equal(loop_thread, pthread_self());
 }
 
-void qv_libevent_trace_fn(int severity, const char *msg) noexcept
+void qv::qv_libevent_trace_fn(int severity, const char *msg) noexcept
 {
     if (trace_type_is_enabled(trace_global, QV_TRACE_LIBEVENT))
         trace_cb(trace_global, TRUE, -1, "libevent severity:%d %s", severity, msg);
 }
 
-void qv_libevent_fatal_fn(int err) noexcept
+void qv::qv_libevent_fatal_fn(int err) noexcept
 {
     if (trace_type_is_enabled(trace_global, QV_TRACE_LIBEVENT))
         trace_cb(trace_global, TRUE, -1, "LIBEVENT FATAL ERROR: %d", err);
@@ -236,7 +241,7 @@ struct UiCommand {
 
 } // namespace
 
-jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept
+jrpc_method_retval_t qv::qv_ui_trace_switch(uint32_t bit, bool on) noexcept
 {
     if (on)
         trace_type_enable(trace_global, bit);
@@ -245,7 +250,7 @@ jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept
     return JRPC_SUCCESS;
 }
 
-void qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept
+void qv::qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept
 {
     cJSON *entry = cJSON_CreateObject();
     cJSON_AddItemToObject(entry, "Name", cJSON_CreateString(name));

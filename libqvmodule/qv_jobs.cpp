@@ -34,7 +34,7 @@ QV_EXPORT qvmodule_job qvmodule_job_bg_queue = {&qvmodule_job_bg_queue,
                                                 nullptr};
 }
 
-block_t qvmodule_job_block_index = nullptr;
+block_t qv::qvmodule_job_block_index = nullptr;
 
 namespace
 {
@@ -121,7 +121,7 @@ extern "C" QV_EXPORT qvmodule_job *qvmodule_job_create(qvmodule *tp, int priorit
     return qvmodule_job_create_foreground(tp, name, job_func, data);
 }
 
-void qvmodule_job_event_cb(int, short event, void *arg) noexcept
+void qv::qvmodule_job_event_cb(int, short event, void *arg) noexcept
 {
     auto *jp = static_cast<qvmodule_job *>(arg);
     bool foreground = jp->job_priority == QVMODULE_JOB_PRIORITY_FOREGROUND;
@@ -162,7 +162,7 @@ void free_finalized(struct event *, void *arg) noexcept
 
 } // namespace
 
-void qvmodule_job_delete_internal(qvmodule_job *jp) noexcept
+void qv::qvmodule_job_delete_internal(qvmodule_job *jp) noexcept
 {
     {
         QV_GIANT_LOCK_SCOPE();

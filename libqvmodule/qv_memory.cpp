@@ -23,8 +23,8 @@ QV_EXPORT qvmodule_block_t *qvmodule_block_list = nullptr;
 QV_EXPORT qvmodule_mem_cookie_t *qvmodule_cookies = nullptr;
 }
 
-block_t qvmodule_cookie_block = nullptr;
-qvmodule_mem_cookie_t *qvmodule_cookie_anon = nullptr;
+block_t qv::qvmodule_cookie_block = nullptr;
+qvmodule_mem_cookie_t *qv::qvmodule_cookie_anon = nullptr;
 
 namespace
 {
@@ -101,7 +101,7 @@ extern "C" QV_EXPORT void qvmodule_block_free(block_t tb, void_t mem) noexcept
     free(mem);
 }
 
-void_t qvmodule_record_alloc(block_t tb, const char *file, const char *func) noexcept
+void_t qv::qvmodule_record_alloc(block_t tb, const char *file, const char *func) noexcept
 {
     void_t mem = qvmodule_block_alloc(tb);
     if (mem == nullptr)
@@ -112,7 +112,7 @@ void_t qvmodule_record_alloc(block_t tb, const char *file, const char *func) noe
 /* ---------------------------------------------------------------- */
 /* Cookies                                                          */
 
-qvmodule_mem_cookie_t *qvmodule_mem_cookie_alloc(const char *name, qvmodule *tp) noexcept
+qvmodule_mem_cookie_t *qv::qvmodule_mem_cookie_alloc(const char *name, qvmodule *tp) noexcept
 {
     auto *tmc = QV_RECORD_ALLOC(qvmodule_mem_cookie_t, qvmodule_cookie_block);
     tmc->tmc_name = name;
@@ -210,29 +210,29 @@ void count_free(qvmodule_mem_cookie_t *tmc, uint32_t size)
 
 } // namespace
 
-qvmodule_mem_cookie_t *qvmodule_cookie_from_qvmodule(qvmodule *tp) noexcept
+qvmodule_mem_cookie_t *qv::qvmodule_cookie_from_qvmodule(qvmodule *tp) noexcept
 {
     return cookie_for(tp);
 }
 
-void qvmodule_cookie_inc_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes,
-                               uint32_t n_alloc) noexcept
+void qv::qvmodule_cookie_inc_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes,
+                                   uint32_t n_alloc) noexcept
 {
     inc_stats(tmc, n_bytes, n_alloc);
 }
 
-void qvmodule_cookie_dec_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes,
-                               uint32_t n_frees) noexcept
+void qv::qvmodule_cookie_dec_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes,
+                                   uint32_t n_frees) noexcept
 {
     dec_stats(tmc, n_bytes, n_frees);
 }
 
-void_t qvmodule_cookie_malloc(qvmodule_mem_cookie_t *tmc, size_t size) noexcept
+void_t qv::qvmodule_cookie_malloc(qvmodule_mem_cookie_t *tmc, size_t size) noexcept
 {
     return charged_malloc(tmc, size);
 }
 
-char *qvmodule_cookie_strdup(qvmodule_mem_cookie_t *tmc, const char *str) noexcept
+char *qv::qvmodule_cookie_strdup(qvmodule_mem_cookie_t *tmc, const char *str) noexcept
 {
     if (str == nullptr) {
         if (tmc)
@@ -246,13 +246,13 @@ char *qvmodule_cookie_strdup(qvmodule_mem_cookie_t *tmc, const char *str) noexce
     return copy;
 }
 
-void qvmodule_cookie_free(qvmodule_mem_cookie_t *tmc, void *ptr) noexcept
+void qv::qvmodule_cookie_free(qvmodule_mem_cookie_t *tmc, void *ptr) noexcept
 {
     if (ptr)
         charged_free(tmc, ptr);
 }
 
-void_t qvmodule_cookie_realloc(qvmodule_mem_cookie_t *tmc, void *ptr, size_t size) noexcept
+void_t qv::qvmodule_cookie_realloc(qvmodule_mem_cookie_t *tmc, void *ptr, size_t size) noexcept
 {
     if (size == 0) {
         qvmodule_cookie_free(tmc, ptr);

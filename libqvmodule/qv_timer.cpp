@@ -182,7 +182,7 @@ extern "C" QV_EXPORT const char *time_print(time_t timev) noexcept
 /* ---------------------------------------------------------------- */
 /* Jitter                                                           */
 
-uint32_t grand(uint32_t n) noexcept
+uint32_t qv::grand(uint32_t n) noexcept
 {
     uint64_t r = static_cast<uint32_t>(lrand48());
     return static_cast<uint32_t>((r * n) >> 32);
@@ -191,8 +191,8 @@ uint32_t grand(uint32_t n) noexcept
 // The unit follows the interval's size so that the 32-bit products cannot
 // overflow: microseconds up to 41 s, milliseconds up to 42948 s, seconds
 // beyond.
-void timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
-                        unsigned int jitter) noexcept
+void qv::timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
+                            unsigned int jitter) noexcept
 {
     uint32_t j = jitter > QVMODULE_TIMER_MAX_JITTER ? QVMODULE_TIMER_MAX_JITTER : jitter;
     uint32_t sec = static_cast<uint32_t>(interval->tv_sec);
@@ -221,10 +221,10 @@ void timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
 /* ---------------------------------------------------------------- */
 /* Creation                                                         */
 
-qvmodule_timer *qvmodule_timer_create_internal(qvmodule *tp, const char *name, flag_t flags,
-                                               const utime_t *interval, const utime_t *offset,
-                                               unsigned int jitter, qvmodule_timer_func func,
-                                               void_t data) noexcept
+qvmodule_timer *qv::qvmodule_timer_create_internal(qvmodule *tp, const char *name, flag_t flags,
+                                                   const utime_t *interval, const utime_t *offset,
+                                                   unsigned int jitter, qvmodule_timer_func func,
+                                                   void_t data) noexcept
 {
     QV_ASSERT(flags == 0);
     QV_GIANT_LOCK_SCOPE();
@@ -363,7 +363,7 @@ extern "C" QV_EXPORT void qvmodule_timer_set_uoffset(qvmodule_timer *tip, const 
 /* ---------------------------------------------------------------- */
 /* Dispatch                                                         */
 
-void qvmodule_timer_event_cb(int, short event, void *arg) noexcept
+void qv::qvmodule_timer_event_cb(int, short event, void *arg) noexcept
 {
     auto *tip = static_cast<qvmodule_timer *>(arg);
     QV_ASSERT((event & 0x01) == 0x01);
@@ -429,7 +429,7 @@ void free_finalized(struct event *, void *arg) noexcept
 
 } // namespace
 
-void qvmodule_timer_delete_internal(qvmodule_timer *tip) noexcept
+void qv::qvmodule_timer_delete_internal(qvmodule_timer *tip) noexcept
 {
     trace_name("qvmodule_timer_delete_internal", tip);
     QV_GIANT_LOCK_SCOPE();

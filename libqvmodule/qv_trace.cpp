@@ -18,8 +18,8 @@
 #include "qv_daemon.h"
 #include "qv_trace_private.h"
 
-int (*qv_trace_fputs_fn)(const char *s, FILE *fp) = fputs;
-int (*qv_trace_statfs_fn)(const char *path, struct statfs *buf) = statfs;
+int (*qv::qv_trace_fputs_fn)(const char *s, FILE *fp) = fputs;
+int (*qv::qv_trace_statfs_fn)(const char *path, struct statfs *buf) = statfs;
 
 namespace
 {
@@ -62,7 +62,7 @@ bool write_line(trace_file_t *tf, const char *line, size_t len)
 
 } // namespace
 
-FILE *trace_file_open_internal(const char *file_name, int perms) noexcept
+FILE *qv::trace_file_open_internal(const char *file_name, int perms) noexcept
 {
     // Without O_NONBLOCK, a FIFO at the path would block the open until a
     // reader came; only a regular file is taken, in blocking mode.
@@ -84,7 +84,7 @@ FILE *trace_file_open_internal(const char *file_name, int perms) noexcept
     return fp;
 }
 
-void trace_file_close_internal(trace_file_t *traceptr) noexcept
+void qv::trace_file_close_internal(trace_file_t *traceptr) noexcept
 {
     if (traceptr == nullptr || traceptr->trace_fileptr == nullptr)
         return;
@@ -92,7 +92,7 @@ void trace_file_close_internal(trace_file_t *traceptr) noexcept
     traceptr->trace_fileptr = nullptr;
 }
 
-void rotate_log(const char *log_file, unsigned int max_files) noexcept
+void qv::rotate_log(const char *log_file, unsigned int max_files) noexcept
 {
     char target[4101];
     char source[4101];
@@ -113,7 +113,7 @@ void rotate_log(const char *log_file, unsigned int max_files) noexcept
     }
 }
 
-void trace_rotate(trace_file_t *traceptr) noexcept
+void qv::trace_rotate(trace_file_t *traceptr) noexcept
 {
     if (traceptr->trace_fileptr != nullptr)
         fputs(kRotating, traceptr->trace_fileptr);
@@ -124,8 +124,8 @@ void trace_rotate(trace_file_t *traceptr) noexcept
     QV_ASSERT(traceptr->trace_fileptr);
 }
 
-char *trace_msg(trace_file_t *traceptr, char *trace_buffer, int *msg_len, const char *fmt,
-                va_list ap) noexcept
+char *qv::trace_msg(trace_file_t *traceptr, char *trace_buffer, int *msg_len, const char *fmt,
+                    va_list ap) noexcept
 {
     if (traceptr == nullptr || traceptr->trace_fileptr == nullptr)
         return nullptr;

@@ -5,6 +5,12 @@
 
 #include "qv_daemon.h"
 
+/* The library's internal names stand in its own namespace, so that a
+ * daemon linking the static archive keeps every other name for itself. The
+ * library's sources and tests name them unqualified. */
+namespace qv
+{
+
 void qv_libevent_trace_fn(int severity, const char *msg) noexcept;
 
 /* The body of every trace on/off command: sets or clears one bit of
@@ -69,6 +75,10 @@ class QvGiantLockGuard
     int res_;
 };
 
-#define QV_GIANT_LOCK_SCOPE() QvGiantLockGuard qv_giant_lock_scope_(__func__, __LINE__)
+} // namespace qv
+
+using namespace qv;
+
+#define QV_GIANT_LOCK_SCOPE() ::qv::QvGiantLockGuard qv_giant_lock_scope_(__func__, __LINE__)
 
 #endif

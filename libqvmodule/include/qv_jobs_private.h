@@ -17,9 +17,14 @@
 /* Pause of a background job between the end of a run and the next. */
 #define QVMODULE_JOB_BG_PERIOD_USEC 1000
 
+namespace qv
+{
 extern block_t qvmodule_job_block_index;
 
 void qvmodule_job_event_cb(int fd, short event, void *arg) noexcept;
 void qvmodule_job_delete_internal(qvmodule_job *jp) noexcept;
+} // namespace qv
+
+using namespace qv;
 
 #endif

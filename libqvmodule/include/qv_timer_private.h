@@ -24,6 +24,9 @@
 /* Jitter percentages above this count as this. */
 #define QVMODULE_TIMER_MAX_JITTER 50u
 
+namespace qv
+{
+
 qvmodule_timer *qvmodule_timer_create_internal(qvmodule *tp, const char *name, flag_t flags,
                                                const utime_t *interval, const utime_t *offset,
                                                unsigned int jitter, qvmodule_timer_func func,
@@ -37,5 +40,9 @@ void timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
                         unsigned int jitter) noexcept;
 /* lrand48() scaled into 0 .. n/2. */
 uint32_t grand(uint32_t n) noexcept;
+
+} // namespace qv
+
+using namespace qv;
 
 #endif

@@ -16,13 +16,13 @@ extern "C" {
 QV_EXPORT char evh_action_temp_str[EVH_ACTION_TEMP_STR_SIZE];
 }
 
-qvmodule *evh_qvmodule = nullptr;
-block_t evh_module_block = nullptr;
-block_t evh_object_block = nullptr;
-block_t evh_event_block = nullptr;
-block_t evh_einfo_block = nullptr;
-evh_copy_text_fn evh_copy_text = qvmodule_mem_strdup;
-char evh_missing_text[1] = "";
+qvmodule *qv::evh_qvmodule = nullptr;
+block_t qv::evh_module_block = nullptr;
+block_t qv::evh_object_block = nullptr;
+block_t qv::evh_event_block = nullptr;
+block_t qv::evh_einfo_block = nullptr;
+evh_copy_text_fn qv::evh_copy_text = qvmodule_mem_strdup;
+char qv::evh_missing_text[1] = "";
 
 static_assert(EVH_MAX_EVENTS == 16, "the ring's assertion texts name 16 slots");
 
@@ -120,12 +120,12 @@ template <size_t N> void evh_append_text(char *(&slots)[N], uint8_t &count, cons
 
 } // namespace
 
-int evh_name_cmp(hbt_node_t *a, hbt_node_t *b) noexcept
+int qv::evh_name_cmp(hbt_node_t *a, hbt_node_t *b) noexcept
 {
     return strcmp(evh_n2obj(a)->obj_name, evh_n2obj(b)->obj_name);
 }
 
-boolean evh_event_dec_ref_count(evh_event_t *event) noexcept
+boolean qv::evh_event_dec_ref_count(evh_event_t *event) noexcept
 {
     QV_ASSERT(event);
     QV_ASSERT(event->event_ref_count);

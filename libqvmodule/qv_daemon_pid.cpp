@@ -21,7 +21,7 @@
 
 #include "qv_daemon_private.h"
 
-int daemon_pid_fd = -1;
+int qv::daemon_pid_fd = -1;
 
 namespace
 {
@@ -180,7 +180,7 @@ void qv_daemon_lockfile_close(int lock_fd, const char *filename)
 
 } // namespace
 
-void qv_daemon_daemonize() noexcept
+void qv::qv_daemon_daemonize() noexcept
 {
     for (int sig : {SIGTTOU, SIGTTIN, SIGTSTP})
         qvmodule_signal_ignore(sig);
@@ -197,7 +197,7 @@ void qv_daemon_daemonize() noexcept
         exit(1);
 }
 
-void qv_daemon_pid_open() noexcept
+void qv::qv_daemon_pid_open() noexcept
 {
     if (daemon_app_ctx->pid_filename == nullptr)
         return;

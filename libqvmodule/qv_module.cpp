@@ -17,7 +17,7 @@ QV_EXPORT qvmodule qvmodule_head;
 QV_EXPORT struct qvmodule_block *qvmodule_block_index = nullptr;
 }
 
-char qvmodule_name_buf[QVMODULE_NAME_BUF_SIZE];
+char qv::qvmodule_name_buf[QVMODULE_NAME_BUF_SIZE];
 
 namespace
 {

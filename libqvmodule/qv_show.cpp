@@ -246,7 +246,7 @@ void release_client(client_ctx_t *client)
 /* ---------------------------------------------------------------- */
 /* Registry                                                         */
 
-void trim_string(const char *input, char *output) noexcept
+void qv::trim_string(const char *input, char *output) noexcept
 {
     for (; *input; input++)
         if (!is_space(*input))
@@ -254,21 +254,21 @@ void trim_string(const char *input, char *output) noexcept
     *output = '\0';
 }
 
-char *ltrim_string(char *s) noexcept
+char *qv::ltrim_string(char *s) noexcept
 {
     while (is_space(*s))
         s++;
     return s;
 }
 
-void rtrim_string(char *s) noexcept
+void qv::rtrim_string(char *s) noexcept
 {
     size_t n = strlen(s);
     while (n > 0 && is_space(s[n - 1]))
         s[--n] = '\0';
 }
 
-cmd_t *cmd_node_lookup(const char *cmd_str) noexcept
+cmd_t *qv::cmd_node_lookup(const char *cmd_str) noexcept
 {
     if (cmd_str == nullptr)
         return nullptr;
@@ -277,7 +277,7 @@ cmd_t *cmd_node_lookup(const char *cmd_str) noexcept
     return cmdnode_to_entry(hbt_lookup(cmd_root, &key.cmd_node, cmd_node_cmp));
 }
 
-void qvsh_show_all_cmds(cmd_ctx_handle cmd_ctx) noexcept
+void qv::qvsh_show_all_cmds(cmd_ctx_handle cmd_ctx) noexcept
 {
     cJSON *list = qvsh_cmd_get_json(cmd_ctx);
     for (hbt_node_t *n = hbt_iterate_next(cmd_root, nullptr); n; n = hbt_iterate_next(cmd_root, n))
@@ -335,7 +335,7 @@ extern "C" QV_EXPORT void qvsh_cmd_set_output_fmt(cmd_ctx_t *cmd_ctx, qvsh_out_f
 /* ---------------------------------------------------------------- */
 /* One request                                                      */
 
-void qvsh_handle_cmd(client_ctx_t *client, char *complete_cmd_str) noexcept
+void qv::qvsh_handle_cmd(client_ctx_t *client, char *complete_cmd_str) noexcept
 {
     char *save = nullptr;
     const char *request = strtok_r(complete_cmd_str, ",", &save);
@@ -401,7 +401,7 @@ void qvsh_handle_cmd(client_ctx_t *client, char *complete_cmd_str) noexcept
 /* ---------------------------------------------------------------- */
 /* Server                                                           */
 
-void qvsh_free_client(client_ctx_t *client_ctx) noexcept
+void qv::qvsh_free_client(client_ctx_t *client_ctx) noexcept
 {
     if (client_ctx->client_revent != nullptr) {
         QV_ASSERT(event_del(client_ctx->client_revent) == 0);

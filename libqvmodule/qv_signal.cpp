@@ -67,7 +67,7 @@ extern "C" QV_EXPORT void qvmodule_signal_register_kevent(int signo,
                    "event_add(sig->sig_event, ((void *)0)) == 0");
 }
 
-void qvmodule_signal_event_cb(int fd, short event, void *arg) noexcept
+void qv::qvmodule_signal_event_cb(int fd, short event, void *arg) noexcept
 {
     auto *sig = static_cast<qvmodule_signal *>(arg);
     QV_ASSERT_TEXT((event & EV_SIGNAL) == EV_SIGNAL, "(event & 0x08) == 0x08");

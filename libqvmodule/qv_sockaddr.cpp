@@ -95,7 +95,7 @@ const char *in_print(const qvsockaddr_t *ga)
 // Every record spans at least the whole union, so that reading any view's
 // fixed fields stays inside its block. Callers use the result unchecked,
 // so running out of memory stops the daemon here.
-qvsockaddr_t *sockcreate(uint16_t family, size_t len) noexcept
+qvsockaddr_t *qv::sockcreate(uint16_t family, size_t len) noexcept
 {
     auto *ga = static_cast<qvsockaddr_t *>(calloc(1, std::max(len, sizeof(qvsockaddr_t))));
     QV_ASSERT(ga);

@@ -26,9 +26,9 @@
 #include "qv_daemon_private.h"
 #include "qv_sockaddr_private.h"
 
-qvmodule *current_rx_qvmodule = nullptr;
-int (*qv_socket_open_fn)(int domain, int type, int proto) = socket;
-unsigned int (*qv_socket_sleep_fn)(unsigned int seconds) = sleep;
+qvmodule *qv::current_rx_qvmodule = nullptr;
+int (*qv::qv_socket_open_fn)(int domain, int type, int proto) = socket;
+unsigned int (*qv::qv_socket_sleep_fn)(unsigned int seconds) = sleep;
 
 namespace
 {
@@ -124,29 +124,29 @@ bool has_write_method(const qvmodule *tp)
 
 } // namespace
 
-void qvmodule_socket_enable_read_internal(qvmodule *tp) noexcept
+void qv::qvmodule_socket_enable_read_internal(qvmodule *tp) noexcept
 {
     ENABLE(tp, kRead);
 }
 
-void qvmodule_socket_disable_read_internal(qvmodule *tp) noexcept
+void qv::qvmodule_socket_disable_read_internal(qvmodule *tp) noexcept
 {
     DISABLE(tp, kRead);
 }
 
-void qvmodule_socket_enable_write_internal(qvmodule *tp) noexcept
+void qv::qvmodule_socket_enable_write_internal(qvmodule *tp) noexcept
 {
     ENABLE(tp, kWrite);
 }
 
-void qvmodule_socket_disable_write_internal(qvmodule *tp) noexcept
+void qv::qvmodule_socket_disable_write_internal(qvmodule *tp) noexcept
 {
     DISABLE(tp, kWrite);
 }
 
 // The method may delete its own module: the dispatch is counted before the
 // call, and nothing of the module is touched after it.
-void qvmodule_socket_revent_cb(int fd, short event, void *arg) noexcept
+void qv::qvmodule_socket_revent_cb(int fd, short event, void *arg) noexcept
 {
     auto *tp = static_cast<qvmodule *>(arg);
     QV_ASSERT_TEXT((event & EV_READ) == EV_READ, "(event & 0x02) == 0x02");
@@ -173,7 +173,7 @@ void qvmodule_socket_revent_cb(int fd, short event, void *arg) noexcept
     current_rx_qvmodule = nullptr;
 }
 
-void qvmodule_socket_wevent_cb(int fd, short event, void *arg) noexcept
+void qv::qvmodule_socket_wevent_cb(int fd, short event, void *arg) noexcept
 {
     auto *tp = static_cast<qvmodule *>(arg);
     QV_ASSERT_TEXT((event & EV_WRITE) == EV_WRITE, "(event & 0x04) == 0x04");
@@ -536,7 +536,7 @@ int set_nonblocking(int fd)
 
 } // namespace
 
-int qvmodule_set_option_internal(qvmodule *tp, int option, va_list ap) noexcept
+int qv::qvmodule_set_option_internal(qvmodule *tp, int option, va_list ap) noexcept
 {
     if (tp == nullptr || tp->qvmodule_socket == -1)
         return -1;

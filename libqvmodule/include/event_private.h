@@ -10,6 +10,9 @@
 #include "qv_memory.h"
 
 /* The library module every text of the store is charged to. */
+namespace qv
+{
+
 extern qvmodule *evh_qvmodule;
 extern block_t evh_module_block;
 extern block_t evh_object_block;
@@ -40,5 +43,9 @@ inline evh_object_t *evh_n2obj(hbt_node_t *node) noexcept
 int evh_name_cmp(hbt_node_t *a, hbt_node_t *b) noexcept;
 /* Releases one reference; true when that freed the event. */
 boolean evh_event_dec_ref_count(evh_event_t *event) noexcept;
+
+} // namespace qv
+
+using namespace qv;
 
 #endif

@@ -30,8 +30,6 @@ extern struct timeval show_send_timeout;
 /* Times accept found the descriptors exhausted and paused the listener. */
 extern unsigned show_accept_pauses;
 
-} // namespace qv
-
 /* Runs one request on the client's behalf, streams the reply and releases
  * the client. The text is modified in place. */
 void qvsh_handle_cmd(client_ctx_t *client, char *complete_cmd_str) noexcept;
@@ -42,5 +40,9 @@ void trim_string(const char *input, char *output) noexcept;
 char *ltrim_string(char *s) noexcept;
 void rtrim_string(char *s) noexcept;
 void qvsh_show_all_cmds(cmd_ctx_handle cmd_ctx) noexcept;
+
+} // namespace qv
+
+using namespace qv;
 
 #endif

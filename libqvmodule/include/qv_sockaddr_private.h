@@ -36,6 +36,9 @@ static_assert(sizeof(union sockaddr_un_) == 8, "an IPv4 record is 8 bytes on eve
 
 /* A zeroed record of len bytes (at least the union's size) with its
  * family set. */
+namespace qv
+{
+
 qvsockaddr_t *sockcreate(uint16_t family, size_t len) noexcept;
 
 /* The module whose recv or accept method is running, else null. */
@@ -54,5 +57,9 @@ int qvmodule_set_option_internal(qvmodule *tp, int option, va_list ap) noexcept;
  * shortage without waiting for one. */
 extern int (*qv_socket_open_fn)(int domain, int type, int proto);
 extern unsigned int (*qv_socket_sleep_fn)(unsigned int seconds);
+
+} // namespace qv
+
+using namespace qv;
 
 #endif

@@ -57,7 +57,11 @@ QV_EXPORT extern qv_daemon_app_ctx_t *daemon_app_ctx;
 QV_EXPORT extern struct event_base *g_event_base;
 QV_EXPORT extern trace_handle *trace_global;
 
-/* Turns the process into a running daemon; returns only on success. */
+/* Turns the process into a running daemon; returns only on success. The
+ * event base locks itself (libevent's pthreads support), so that other
+ * threads may arm timers and queue jobs under the giant lock while the loop
+ * runs; the loop wakes for what they add. The loop runs on the thread that
+ * calls qv_daemon_loop, by default the one that called qv_daemon_init. */
 QV_EXPORT void qv_daemon_init(int argc, char **argv, struct qv_daemon_app_ctx *ctx) QV_NOEXCEPT;
 /* Runs the event loop until libevent's loop returns. */
 QV_EXPORT void qv_daemon_loop(void) QV_NOEXCEPT;

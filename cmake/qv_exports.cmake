@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.25)
 # Lists every function and datum that the public headers declare with
 # QV_EXPORT, one name a line, and writes the linker version script that
 # exports exactly those names. Each declaration starts on one line with

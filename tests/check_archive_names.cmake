@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.25)
 # Fails when the static archive LIB defines an external name that a daemon
 # linking it could collide with: every one must be exported API (listed in
 # EXPORTS), inside the library's C++ namespace qv, or a C++ runtime or

@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.25)
 # Fails unless the shared library LIB exports exactly the names listed in
 # EXPORTS (one a line, generated from the public headers), naming every
 # missing and every extra symbol.

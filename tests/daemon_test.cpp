@@ -5,67 +5,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <stdarg.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <string>
 #include <vector>
 
-#include "qv_daemon_private.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 
+using qvtest::Daemon;
 using qvtest::read_file;
 using qvtest::read_lines;
-using qvtest::TempDir;
-
-// Syslog messages of the process under test go to the file named by
-// QV_TEST_SYSLOG, one "priority|message" per line, so tests can read what
-// an operator's syslog would show.
-extern "C" void vsyslog(int priority, const char *fmt, va_list ap)
-{
-    const char *out = getenv("QV_TEST_SYSLOG");
-    if (out == nullptr)
-        return;
-    char msg[4096];
-    vsnprintf(msg, sizeof(msg), fmt, ap);
-    FILE *f = fopen(out, "a");
-    if (f == nullptr)
-        return;
-    fprintf(f, "%d|%s\n", priority, msg);
-    fclose(f);
-}
 
 namespace
 {
-
-struct Daemon {
-    TempDir dir;
-    qv_daemon_app_ctx_t ctx{};
-    std::string trace = dir.file("d.log");
-    std::string syslog = dir.file("syslog");
-
-    Daemon() { ctx.log_file_name = trace.data(); }
-
-    // Starts the daemon in a child under the program name argv0, runs
-    // `after` there and returns the child's wait status.
-    int run(
-        const char *argv0, const std::function<int()> &after = [] { return 0; })
-    {
-        return qvtest::run_in_child([&] {
-            setenv("QV_TEST_SYSLOG", syslog.c_str(), 1);
-            std::string a0 = argv0;
-            char *argv[] = {a0.data(), const_cast<char *>("--flag"), nullptr};
-            qv_daemon_init(2, argv, &ctx);
-            return after();
-        });
-    }
-};
-
-int exit_code(int status)
-{
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 TEST(DaemonStartup, RecordsNamesDefaultsAndFirstLine)
 {
@@ -82,7 +34,7 @@ TEST(DaemonStartup, RecordsNamesDefaultsAndFirstLine)
                   strcmp(cwd, "/var/tmp") == 0 && umask(0) == 022;
         return ok ? 0 : 1;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
     auto lines = read_lines(d.trace);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find(" [mydaemon]  qv_daemon_init: Daemon(mydaemon) starting"),
@@ -95,7 +47,7 @@ TEST(DaemonStartup, ProgramNameIsTheLastPathComponent)
 {
     for (auto [argv0, want] : {std::pair{"mydaemon", "mydaemon"}, {"/opt/x/", ""}}) {
         Daemon d;
-        EXPECT_EQ(exit_code(d.run(argv0, [&] { return strcmp(progname, want) != 0; })), 0);
+        EXPECT_EQ((d.run(argv0, [&] { return strcmp(progname, want) != 0; })), 0);
     }
 }
 
@@ -105,7 +57,7 @@ TEST(DaemonStartup, DefaultTracePathAndSizes)
 {
     Daemon d;
     d.ctx.log_file_name = nullptr;
-    int st = qvtest::run_in_child([&] {
+    int st = qvtest::in_child([&] {
         if (unshare(CLONE_NEWNS) != 0 ||
             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
             mount("tmpfs", "/var/log", "tmpfs", 0, nullptr) != 0)
@@ -119,9 +71,9 @@ TEST(DaemonStartup, DefaultTracePathAndSizes)
                       std::string::npos;
         return ok ? 0 : 1;
     });
-    if (exit_code(st) == 77)
+    if (st == 77)
         GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
 }
 
 TEST(DaemonStartup, RefusesTraceFilesItCannotOpen)
@@ -129,38 +81,18 @@ TEST(DaemonStartup, RefusesTraceFilesItCannotOpen)
     Daemon d;
     std::string bad = d.dir.file("no/such/dir.log");
     d.ctx.log_file_name = bad.data();
-    EXPECT_EQ(exit_code(d.run("mydaemon", [] { return 3; })), 0);
+    EXPECT_EQ((d.run("mydaemon", [] { return 3; })), 0);
     EXPECT_EQ(read_file(d.syslog), "3|Unable to open trace_file:" + bad + "\n");
 
     // A program name that would overflow the default path's buffer.
     Daemon l;
     l.ctx.log_file_name = nullptr;
     std::string name(300, 'n');
-    EXPECT_EQ(exit_code(l.run(name.c_str(), [] { return 3; })), 0);
+    EXPECT_EQ((l.run(name.c_str(), [] { return 3; })), 0);
     EXPECT_EQ(read_file(l.syslog), "3|Unable to open trace_file:/var/log/" + name + ".log\n");
 }
 
 std::vector<std::string> calls;
-void a_var()
-{
-    calls.push_back("A.var_init");
-}
-void b_var()
-{
-    calls.push_back("B.var_init");
-}
-void a_init()
-{
-    calls.push_back("A.init");
-}
-void b_init()
-{
-    calls.push_back("B.init");
-}
-void c_init()
-{
-    calls.push_back("C.init");
-}
 int parsed_argc;
 bool parsed_before_base;
 void parse(int argc, char **argv)
@@ -174,7 +106,9 @@ TEST(DaemonStartup, RunsParserThenVariableInitialisersThenInitialisers)
 {
     Daemon d;
     struct app_module mods[] = {
-        {1, "A", a_init, a_var}, {2, "B", b_init, b_var}, {3, "C", c_init, nullptr}};
+        {1, "A", [] { calls.push_back("A.init"); }, [] { calls.push_back("A.var_init"); }},
+        {2, "B", [] { calls.push_back("B.init"); }, [] { calls.push_back("B.var_init"); }},
+        {3, "C", [] { calls.push_back("C.init"); }, nullptr}};
     d.ctx.app_modules.count = 3;
     d.ctx.app_modules.primary = mods;
     d.ctx.args_parser_fn = parse;
@@ -182,12 +116,12 @@ TEST(DaemonStartup, RunsParserThenVariableInitialisersThenInitialisers)
         std::vector<std::string> want = {"A.var_init", "B.var_init", "A.init", "B.init", "C.init"};
         return calls == want && parsed_argc == 2 && parsed_before_base ? 0 : 1;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
 
     // A null table runs nothing, whatever the count says.
     Daemon n;
     n.ctx.app_modules.count = 3;
-    EXPECT_EQ(exit_code(n.run("mydaemon", [] { return calls.empty() ? 0 : 1; })), 0);
+    EXPECT_EQ((n.run("mydaemon", [] { return calls.empty() ? 0 : 1; })), 0);
 }
 
 void reenter(evutil_socket_t, short, void *)
@@ -215,7 +149,7 @@ TEST(DaemonStartup, LibeventHooksWriteOnlyWhileTheirBitIsSet)
         event_free(ev);
         return 0;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
     auto lines = read_lines(d.trace);
     ASSERT_EQ(lines.size(), 3u);
     // libevent's own words are its to change; its warning severity is API.
@@ -245,7 +179,7 @@ TEST(DaemonStartup, LoopDispatchesUntilNoEventIsLeft)
         event_free(ev);
         return ticks == 1 ? 0 : 1;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
     auto lines = read_lines(d.trace);
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_NE(lines[1].find("]  tick 1"), std::string::npos);

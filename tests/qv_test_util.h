@@ -81,6 +81,17 @@ inline int run_in_child(const std::function<int()> &fn)
     return status;
 }
 
+// A wait status as a shell shows it: the exit status, or 128 + the signal.
+inline int exit_code(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+inline int in_child(const std::function<int()> &fn)
+{
+    return exit_code(run_in_child(fn));
+}
+
 // Caps the address space a little above what the process maps now, so that
 // the heap really runs out. Only for a child process.
 inline void limit_address_space()

@@ -161,30 +161,6 @@ TEST(DaemonStartup, LibeventHooksWriteOnlyWhileTheirBitIsSet)
     EXPECT_EQ(read_lines(d.syslog).size(), 1u);
 }
 
-// A real daemon: its timer fires from the loop, traces, and the loop ends.
-void tick(evutil_socket_t, short, void *arg)
-{
-    trace_cb(trace_global, TRUE, -1, "tick %d", ++*static_cast<int *>(arg));
-}
-
-TEST(DaemonStartup, LoopDispatchesUntilNoEventIsLeft)
-{
-    Daemon d;
-    int st = d.run("mydaemon", [] {
-        int ticks = 0;
-        struct timeval tv = {0, 1000};
-        struct event *ev = event_new(g_event_base, -1, 0, tick, &ticks);
-        event_add(ev, &tv);
-        qv_daemon_loop();
-        event_free(ev);
-        return ticks == 1 ? 0 : 1;
-    });
-    EXPECT_EQ(st, 0);
-    auto lines = read_lines(d.trace);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_NE(lines[1].find("]  tick 1"), std::string::npos);
-}
-
 // Giant lock: a recording, re-entrant lock function.
 std::vector<std::pair<int, int>> lock_calls;
 int depth;

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "qv_daemon.h"
 #include "qv_jobs_private.h"
 #include "qv_memory.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 
 namespace
 {
@@ -109,14 +108,9 @@ void *producer(void *)
 
 TEST(Threads, TimersAndJobsFromAnotherThreadSettleExactlyOnce)
 {
-    qvtest::TempDir dir;
-    std::string log = dir.file("qvd.log"), pid = dir.file("qvd.pid");
+    qvtest::Daemon d(true);
     int status = qvtest::run_in_child([&] {
-        qv_daemon_app_ctx_t ctx = {};
-        ctx.pid_filename = pid.data();
-        ctx.log_file_name = log.data();
-        char arg0[] = "/usr/sbin/qvd", *argv[] = {arg0, nullptr};
-        qv_daemon_init(1, argv, &ctx);
+        d.start("/usr/sbin/qvd");
         alarm(30); // a loop that is never woken for the new objects ends here
         pthread_mutexattr_t attr;
         pthread_mutexattr_init(&attr);

@@ -11,7 +11,7 @@
 
 #include "qv_jobs_private.h"
 #include "qv_queue.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 #include "qv_timer_private.h"
 
 namespace
@@ -473,14 +473,10 @@ void delete_twice_and_stop(qvmodule_job *jp)
 // other bits alone; the lock stands around every section.
 TEST(TimerJobDaemon, TraceLinesAndTheLockAmongThem)
 {
-    qvtest::TempDir dir;
-    std::string log = dir.file("qvd.log"), pid = dir.file("qvd.pid"), text;
+    qvtest::Daemon d(true);
+    std::string text;
     int status = qvtest::run_in_child([&] {
-        qv_daemon_app_ctx_t ctx = {};
-        ctx.pid_filename = pid.data();
-        ctx.log_file_name = log.data();
-        char arg0[] = "/usr/sbin/qvd", *argv[] = {arg0, nullptr};
-        qv_daemon_init(1, argv, &ctx);
+        d.start("/usr/sbin/qvd");
         qv_ui_init("qvd");
         qvmodule *m = module("m");
         trace_type_enable(trace_global, QV_TRACE_SOCKET);
@@ -510,7 +506,7 @@ TEST(TimerJobDaemon, TraceLinesAndTheLockAmongThem)
     ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
     ASSERT_EQ(WEXITSTATUS(status), 0);
     // The messages after "go", less their leading "qvmodule_".
-    for (const std::string &line : qvtest::read_lines(log)) {
+    for (const std::string &line : qvtest::read_lines(d.trace)) {
         std::string msg = line.substr(line.find("]  ") + 3);
         text += "; " + msg.substr(msg.rfind("qvmodule_", 0) == 0 ? 9 : 0);
     }

@@ -23,18 +23,24 @@ TEST(DaemonStartup, RecordsNamesDefaultsAndFirstLine)
 {
     Daemon d;
     d.ctx.log_file_count = 1;
-    int st = d.run("/usr/sbin/mydaemon", [&] {
-        char cwd[256];
-        bool ok = strcmp(progname, "mydaemon") == 0 && qv_daemon_get_progname() == progname &&
-                  qv_daemon_get_hostname() == hostname && hostname[0] != '\0' &&
-                  daemon_pid == getpid() && daemon_app_ctx == &d.ctx &&
-                  d.ctx.log_file_size == 5000000 && d.ctx.log_file_count == 1 &&
-                  g_event_base != nullptr && qv_get_global_event_base() == g_event_base &&
-                  trace_global != nullptr && getcwd(cwd, sizeof(cwd)) &&
-                  strcmp(cwd, "/var/tmp") == 0 && umask(0) == 022;
-        return ok ? 0 : 1;
-    });
-    EXPECT_EQ(st, 0);
+    auto startup = [&] {
+        char cwd[256] = "";
+        EXPECT_STREQ(progname, "mydaemon");
+        EXPECT_EQ(qv_daemon_get_progname(), progname);
+        EXPECT_EQ(qv_daemon_get_hostname(), hostname);
+        EXPECT_NE(hostname[0], '\0');
+        EXPECT_EQ(daemon_pid, getpid());
+        EXPECT_EQ(daemon_app_ctx, &d.ctx);
+        EXPECT_EQ(d.ctx.log_file_size, 5000000u);
+        EXPECT_EQ(d.ctx.log_file_count, 1);
+        EXPECT_NE(g_event_base, nullptr);
+        EXPECT_EQ(qv_get_global_event_base(), g_event_base);
+        EXPECT_NE(trace_global, nullptr);
+        EXPECT_STREQ(getcwd(cwd, sizeof(cwd)), "/var/tmp");
+        EXPECT_EQ(umask(0), 022u);
+        return int(::testing::Test::HasFailure());
+    };
+    EXPECT_EQ(d.run("/usr/sbin/mydaemon", startup), 0);
     auto lines = read_lines(d.trace);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find(" [mydaemon]  qv_daemon_init: Daemon(mydaemon) starting"),
@@ -53,7 +59,7 @@ TEST(DaemonStartup, ProgramNameIsTheLastPathComponent)
 
 // The default trace path lives under /var/log: the child gets a private
 // tmpfs there so the real one is never touched.
-TEST(DaemonStartup, DefaultTracePathAndSizes)
+TEST(DaemonStartup, DefaultTracePathAndCount)
 {
     Daemon d;
     d.ctx.log_file_name = nullptr;
@@ -65,11 +71,11 @@ TEST(DaemonStartup, DefaultTracePathAndSizes)
         char a0[] = "mydaemon";
         char *argv[] = {a0, nullptr};
         qv_daemon_init(1, argv, &d.ctx);
-        bool ok = strcmp(d.ctx.log_file_name, "/var/log/mydaemon.log") == 0 &&
-                  d.ctx.log_file_size == 5000000 && d.ctx.log_file_count == 5 &&
-                  read_file("/var/log/mydaemon.log").find("Daemon(mydaemon) starting") !=
-                      std::string::npos;
-        return ok ? 0 : 1;
+        EXPECT_STREQ(d.ctx.log_file_name, "/var/log/mydaemon.log");
+        EXPECT_EQ(d.ctx.log_file_count, 5);
+        EXPECT_NE(read_file("/var/log/mydaemon.log").find("Daemon(mydaemon) starting"),
+                  std::string::npos);
+        return int(::testing::Test::HasFailure());
     });
     if (st == 77)
         GTEST_SKIP() << "no private mount namespace here";

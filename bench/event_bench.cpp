@@ -25,6 +25,7 @@
 
 #include "libcpe_event_public_api.h"
 #include "qv_memory.h"
+#include "bench_args.h"
 
 namespace
 {
@@ -201,19 +202,8 @@ int main(int argc, char **argv)
     for (Variant v : {kHandle, kByName})
         benchmark::RegisterBenchmark(kVariantNames[v], BM_Record, v)->UseManualTime();
 
-    std::vector<char *> args(argv, argv + argc);
-    std::string reps = "--benchmark_repetitions=5";
-    std::string aggr = "--benchmark_report_aggregates_only=true";
-    auto given = [&](const char *flag) {
-        for (int i = 1; i < argc; i++)
-            if (strncmp(argv[i], flag, strlen(flag)) == 0)
-                return true;
-        return false;
-    };
-    if (!given("--benchmark_repetitions"))
-        args.push_back(reps.data());
-    if (!given("--benchmark_report_aggregates_only"))
-        args.push_back(aggr.data());
+    std::vector<char *> args = qvbench::args_with_defaults(
+        argc, argv, {"--benchmark_repetitions=5", "--benchmark_report_aggregates_only=true"});
     int n = static_cast<int>(args.size());
     args.push_back(nullptr);
 

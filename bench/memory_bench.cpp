@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "qv_memory.h"
+#include "bench_args.h"
 
 namespace
 {
@@ -283,22 +284,10 @@ int main(int argc, char **argv)
 
     // Repeated by default, so that the table shows medians, in short runs
     // since each benchmark times its anchor as well.
-    std::vector<char *> args(argv, argv + argc);
-    std::string reps = "--benchmark_repetitions=5";
-    std::string aggr = "--benchmark_report_aggregates_only=true";
-    std::string mint = "--benchmark_min_time=0.2";
-    auto given = [&](const char *flag) {
-        for (int i = 1; i < argc; i++)
-            if (strncmp(argv[i], flag, strlen(flag)) == 0)
-                return true;
-        return false;
-    };
-    if (!given("--benchmark_repetitions"))
-        args.push_back(reps.data());
-    if (!given("--benchmark_min_time"))
-        args.push_back(mint.data());
-    if (!given("--benchmark_report_aggregates_only"))
-        args.push_back(aggr.data());
+    std::vector<char *> args =
+        qvbench::args_with_defaults(argc, argv,
+                                    {"--benchmark_repetitions=5", "--benchmark_min_time=0.2",
+                                     "--benchmark_report_aggregates_only=true"});
     int n = static_cast<int>(args.size());
     args.push_back(nullptr);
 

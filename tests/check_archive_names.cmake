@@ -27,7 +27,9 @@ foreach(line ${lines})
   endif()
   # 32-bit x86 position-independent code reads its own address through
   # these compiler thunks; they are hidden and merged across objects.
-  if(sym MATCHES "^__x86\\.get_pc_thunk\\.")
+  # AddressSanitizer's own markers of instrumented globals are local to
+  # the sanitized build.
+  if(sym MATCHES "^__x86\\.get_pc_thunk\\." OR sym MATCHES "^__odr_asan\\.")
     continue()
   endif()
   list(APPEND offenders "${sym} (${type})")

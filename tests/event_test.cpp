@@ -215,7 +215,9 @@ TEST(EventHistory, RandomRecordingAgreesWithAReferenceAndShowsAsJson)
     evh_copy_text = flaky_copy, fail_one_in = 8;
     const std::string busy[] = {"eth0", "eth1", "lo", p + "1", p + "2"};
     for (int step = 0; step < 4000; step++) {
-        auto &[o, ring] = objs[step < 40 ? "eth0" : busy[rng() % 5]];
+        auto &entry = objs[step < 40 ? "eth0" : busy[rng() % 5]];
+        evh_object_t *o = entry.first; // a plain name: lambdas below capture it
+        Ring &ring = entry.second;
         event_id_t id = step < 40 ? event_id_t(step) : rng() % 8;
         unsigned op = step < 40 ? 2 : rng() % 8;
         if (op == 0) { // a repeat counts on one of the three newest, newest first
@@ -284,7 +286,9 @@ TEST(EventHistory, RandomRecordingAgreesWithAReferenceAndShowsAsJson)
             std::string body = obj.second.empty() ? "" : render(obj.second, ext, "  ");
             all += name + " {\n" + body + "}\n", peers += "Peer {\n" + body + "}\n";
         }
-        auto [eth0, eth0_ring] = objs["eth0"];
+        // Plain names, since a lambda cannot capture a binding before clang 16.
+        evh_object_t *eth0 = objs["eth0"].first;
+        const Ring &eth0_ring = objs["eth0"].second;
         EXPECT_EQ(shown([&](cJSON *r) { event_show_module(r, mod, nullptr, nullptr, ext); }, &base),
                   all);
         EXPECT_EQ(shown([&](cJSON *r) { event_show_module(r, mod, nullptr, "Peer", ext); }), peers);

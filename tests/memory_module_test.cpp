@@ -370,7 +370,7 @@ TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
 TEST(Memory, BlocksAreAlignedForAnyObject)
 {
     const size_t want = sizeof(void *) == 8 ? alignof(max_align_t) : 8;
-    auto misalignment = [want](const void *p) { return reinterpret_cast<uintptr_t>(p) % want; };
+    auto misalignment = [](const void *p) { return reinterpret_cast<uintptr_t>(p) % want; };
     qvmodule mod{};
     mod.qvmodule_name = "aligned";
     for (size_t size : {1, 3, 4, 7, 8, 15, 16, 17, 31, 64, 100, 128, 129, 1000, 1024, 1025, 5000}) {

@@ -99,9 +99,10 @@ TEST(SockAddrDeathTest, UnknownFamiliesAndNoMemoryStopTheDaemon)
                  "qv_sockaddr.cpp:qvsockaddr2sockaddr: assertion \"0\"");
     EXPECT_DEATH(sockaddr2qvsockaddr(reinterpret_cast<struct sockaddr *>(&sin6), sizeof sin6),
                  "qv_sockaddr.cpp:sockaddr2qvsockaddr: assertion \"0\"");
-    if (!qvtest::sanitized) // a sanitizer's heap cannot be run out
+    if (!qvtest::sanitized) { // a sanitizer's heap cannot be run out
         EXPECT_DEATH((qvtest::exhaust_heap(), sockcreate_in(0, 0)),
                      "qv_sockaddr.cpp:sockcreate: assertion \"ga\"");
+    }
     sockfree(odd);
 }
 

@@ -13,6 +13,7 @@
 #include "bridge.h"
 #include "notify.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <limits.h>
 #include <netinet/in.h>
@@ -80,7 +81,7 @@ static unsigned long parse_number(const char *text, int base, unsigned long min,
 
     errno = 0;
     value = strtoul(text, &end, base);
-    if (text[0] == '\0' || text[0] == '-' || *end != '\0' || errno != 0 || value < min ||
+    if (!isdigit((unsigned char)text[0]) || *end != '\0' || errno != 0 || value < min ||
         value > max)
         usage_exit(what, text);
     return value;

@@ -166,13 +166,13 @@ int wait_exit(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-struct Run {
+struct Outcome {
     int status;
     std::string out, err;
 };
 
 // Runs a program to its end and collects what it printed.
-Run run(const std::vector<std::string> &argv, const std::string &dir = "", const Env &env = {})
+Outcome run(const std::vector<std::string> &argv, const std::string &dir = "", const Env &env = {})
 {
     TempDir io;
     int out = open((io / "out").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -331,7 +331,7 @@ class Qvtestd : public ::testing::Test
     {
         std::vector<std::string> argv = {QVSH_PATH, "--port", std::to_string(kShowPort), "--raw"};
         argv.insert(argv.end(), words.begin(), words.end());
-        Run r = run(argv);
+        Outcome r = run(argv);
         if (status != nullptr)
             *status = r.status;
         else
@@ -370,14 +370,14 @@ TEST(QvtestdCommandLine, BadArgumentsAreRefusedBeforeAnythingIsOpened)
     for (const auto &args : bad) {
         std::vector<std::string> argv = {QVTESTD_PATH, "-l", "t.log", "-p", "p.pid"};
         argv.insert(argv.end(), args.begin(), args.end());
-        Run r = run(argv, dir.path);
+        Outcome r = run(argv, dir.path);
         std::string shown = args[0] + (args.size() > 1 ? " '" + args[1] + "'" : "");
         EXPECT_EQ(r.status, 2) << shown;
         EXPECT_NE(r.err.find("usage: qvtestd"), std::string::npos) << shown << ": " << r.err;
         EXPECT_FALSE(exists(dir / "t.log")) << shown;
         EXPECT_FALSE(exists(dir / "p.pid")) << shown;
     }
-    Run help = run({QVTESTD_PATH, "-h"});
+    Outcome help = run({QVTESTD_PATH, "-h"});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("usage: qvtestd"), std::string::npos);
 }
@@ -720,11 +720,11 @@ TEST_F(Qvtestd, DetachedDaemonRefusesASecondCopyAndStopsThroughItsPidFile)
 
     // Same pid file: the lock refuses it, and the first copy's file stays.
     std::string held = read_file(pid_file);
-    Run second = run({QVTESTD_PATH, "-l", dir / "second.log", "-p", pid_file});
+    Outcome second = run({QVTESTD_PATH, "-l", dir / "second.log", "-p", pid_file});
     EXPECT_EQ(second.status, 0);
     EXPECT_EQ(read_file(pid_file), held);
     // Another pid file: the echo port is taken, and it says so.
-    Run third = run({QVTESTD_PATH, "-l", dir / "third.log", "-p", dir / "third.pid"});
+    Outcome third = run({QVTESTD_PATH, "-l", dir / "third.log", "-p", dir / "third.pid"});
     EXPECT_EQ(third.status, 1);
     EXPECT_NE(third.err.find("127.0.0.1:7007"), std::string::npos) << third.err;
     EXPECT_FALSE(exists(dir / "third.pid"));
@@ -789,7 +789,7 @@ TEST(QvtestdUnits, PassSystemdAnalyzeVerify)
         for (size_t at; (at = text.find("/usr/local/sbin/qvtestd")) != std::string::npos;)
             text.replace(at, strlen("/usr/local/sbin/qvtestd"), QVTESTD_PATH);
         std::ofstream(dir / unit) << text;
-        Run r = run({tool, "verify", dir / unit});
+        Outcome r = run({tool, "verify", dir / unit});
         EXPECT_EQ(r.status, 0) << unit << ": " << r.err;
         EXPECT_EQ(r.out + r.err, "") << unit;
     }

@@ -19,6 +19,7 @@
 #include <libcpe_event_public_api.h>
 #include <qv_memory.h>
 #include <qv_show.h>
+#include <qvsockaddr_l2addr.h>
 
 int qvtestd_echo_port = QVTESTD_ECHO_PORT_DEFAULT;
 

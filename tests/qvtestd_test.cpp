@@ -327,10 +327,12 @@ class Qvtestd : public ::testing::Test
     }
 
     // qvsh's reply to a command, parsed; null when it did not parse.
-    Json show(const std::vector<std::string> &words, int *status = nullptr)
+    Json show(const std::string &command, const std::vector<std::string> &args = {},
+              int *status = nullptr)
     {
-        std::vector<std::string> argv = {QVSH_PATH, "--port", std::to_string(kShowPort), "--raw"};
-        argv.insert(argv.end(), words.begin(), words.end());
+        std::vector<std::string> argv = {QVSH_PATH, "--port", std::to_string(kShowPort), "--raw",
+                                         command};
+        argv.insert(argv.end(), args.begin(), args.end());
         Outcome r = run(argv);
         if (status != nullptr)
             *status = r.status;
@@ -399,7 +401,7 @@ TEST_F(Qvtestd, ForegroundDaemonServesItsCommandsAndStopsOnSigterm)
     EXPECT_NE(lines[0].find("qv_daemon_init: Daemon(qvtestd) starting"), std::string::npos)
         << lines[0];
 
-    Json all = show({"show", "all"});
+    Json all = show("show all");
     ASSERT_TRUE(all);
     EXPECT_EQ(text_of(all.get(), "Request"), "show all");
     std::vector<std::string> commands;
@@ -410,24 +412,24 @@ TEST_F(Qvtestd, ForegroundDaemonServesItsCommandsAndStopsOnSigterm)
           "show job", "show libevent", "trace on", "trace off"})
         EXPECT_TRUE(contains(commands, c)) << c;
 
-    auto modules = names_in(response(show({"show", "module"})), "qvmodule List", "qvmodule");
+    auto modules = names_in(response(show("show module")), "qvmodule List", "qvmodule");
     for (const char *m : {"echo", "heartbeat", "sweeper", "service", "Event History"})
         EXPECT_TRUE(contains(modules, m)) << m;
 
-    auto timers = names_in(response(show({"show", "timer"})), "Timer List", "Timer");
+    auto timers = names_in(response(show("show timer")), "Timer List", "Timer");
     for (const char *t : {"heartbeat.beat", "sweeper.sweep due", "echo.accept backoff"})
         EXPECT_TRUE(contains(timers, t)) << t;
 
-    Json memory = show({"show", "memory"});
+    Json memory = show("show memory");
     ASSERT_TRUE(memory);
     EXPECT_NE(cJSON_GetArraySize(response(memory)), 0);
     EXPECT_TRUE(members(response(memory), "Error").empty());
 
-    Json jobs = show({"show", "job"});
+    Json jobs = show("show job");
     ASSERT_TRUE(jobs);
     EXPECT_TRUE(members(response(jobs), "Error").empty());
 
-    Json libevent = show({"show", "libevent"});
+    Json libevent = show("show libevent");
     ASSERT_TRUE(libevent);
     EXPECT_EQ(cJSON_GetArraySize(response(libevent)), 0);
 
@@ -498,7 +500,7 @@ TEST_F(Qvtestd, EchoesWhatItReadsAndKeepsAHistoryPerClient)
     socklen_t len = sizeof(me);
     getsockname(s, (struct sockaddr *)&me, &len);
     std::string conn_module = "echo 127.0.0.1:" + std::to_string(ntohs(me.sin_port));
-    auto modules = names_in(response(show({"show", "module"})), "qvmodule List", "qvmodule");
+    auto modules = names_in(response(show("show module")), "qvmodule List", "qvmodule");
     EXPECT_TRUE(contains(modules, conn_module)) << conn_module;
     close(s);
 
@@ -506,7 +508,7 @@ TEST_F(Qvtestd, EchoesWhatItReadsAndKeepsAHistoryPerClient)
     cJSON *events = nullptr;
     Json brief(nullptr, cJSON_Delete);
     ASSERT_TRUE(wait_until([&] {
-        brief = show({"show", "clients"});
+        brief = show("show clients");
         cJSON *client = cJSON_GetObjectItem(response(brief), "127.0.0.1");
         events = cJSON_GetObjectItem(client, "Event History");
         auto ev = members(events, "Event");
@@ -518,10 +520,10 @@ TEST_F(Qvtestd, EchoesWhatItReadsAndKeepsAHistoryPerClient)
     EXPECT_EQ(text_of(ev[1], "Event ID"), "connected");
     EXPECT_EQ(text_of(cJSON_GetObjectItem(ev[1], "Action List"), "Action"), conn_module);
     EXPECT_EQ(printed(brief.get()).find("Heading"), std::string::npos);
-    EXPECT_FALSE(contains(names_in(response(show({"show", "module"})), "qvmodule List", "qvmodule"),
+    EXPECT_FALSE(contains(names_in(response(show("show module")), "qvmodule List", "qvmodule"),
                           conn_module));
 
-    Json extensive = show({"show", "clients", "device=127.0.0.1", "level=extensive"});
+    Json extensive = show("show clients", {"device=127.0.0.1", "level=extensive"});
     cJSON *closed = members(
         cJSON_GetObjectItem(cJSON_GetObjectItem(response(extensive), "127.0.0.1"), "Event History"),
         "Event")[0];
@@ -531,11 +533,11 @@ TEST_F(Qvtestd, EchoesWhatItReadsAndKeepsAHistoryPerClient)
 
     // Bad requests are refused with an error reply; the daemon goes on.
     int status = 0;
-    Json unknown = show({"show", "clients", "device=10.9.9.9"}, &status);
-    EXPECT_NE(status, 0);
+    Json unknown = show("show clients", {"device=10.9.9.9"}, &status);
+    EXPECT_EQ(status, 3) << "qvsh exits 3 on an error reply";
     EXPECT_FALSE(text_of(response(unknown), "Error").empty());
-    Json level = show({"show", "clients", "level=loud"}, &status);
-    EXPECT_NE(status, 0);
+    Json level = show("show clients", {"level=loud"}, &status);
+    EXPECT_EQ(status, 3) << "qvsh exits 3 on an error reply";
     EXPECT_FALSE(text_of(response(level), "Error").empty());
     s = echo_connect();
     EXPECT_EQ(echo_through(s, "still here"), "still here");
@@ -583,7 +585,7 @@ TEST_F(Qvtestd, AcceptBacksOffWhileDescriptorsRunOutAndServesAgainAfter)
         return false;
     }));
     close(s);
-    EXPECT_TRUE(show({"show", "all"}));
+    EXPECT_TRUE(show("show all"));
     EXPECT_EQ(stop(), 0);
 }
 
@@ -596,21 +598,21 @@ TEST_F(Qvtestd, TraceCommandsAndSignalsSwitchTracing)
     ASSERT_TRUE(serving()) << read_file(dir / "daemon.out");
     const std::string dispatch = "qvmodule_timer_event_cb: dispatching timer name:beat";
 
-    Json on = show({"trace", "on", "level=timer"});
+    Json on = show("trace on", {"level=timer"});
     EXPECT_EQ(text_of(response(on), "Trace"), "timer");
     EXPECT_EQ(text_of(response(on), "State"), "on");
     kill(child, SIGUSR1);
     EXPECT_TRUE(trace_has("heartbeat 1 (SIGUSR1)"));
     EXPECT_NE(trace().find(dispatch), std::string::npos);
-    Json off = show({"trace", "off", "level=timer"});
+    Json off = show("trace off", {"level=timer"});
     EXPECT_EQ(text_of(response(off), "State"), "off");
 
     int status = 0;
-    Json bad = show({"trace", "on", "level=everything"}, &status);
-    EXPECT_NE(status, 0);
+    Json bad = show("trace on", {"level=everything"}, &status);
+    EXPECT_EQ(status, 3) << "qvsh exits 3 on an error reply";
     EXPECT_FALSE(text_of(response(bad), "Error").empty());
-    Json none = show({"trace", "on"}, &status);
-    EXPECT_NE(status, 0);
+    Json none = show("trace on", {}, &status);
+    EXPECT_EQ(status, 3) << "qvsh exits 3 on an error reply";
 
     // SIGHUP turns on every bit, a second one turns them off again.
     kill(child, SIGHUP);
@@ -629,7 +631,7 @@ TEST_F(Qvtestd, TraceCommandsAndSignalsSwitchTracing)
     EXPECT_EQ(text.find(dispatch, silent), std::string::npos) << "a dispatch line while off";
 
     // Three beats on request in a row count as one repeated event.
-    Json beats = show({"show", "heartbeat"});
+    Json beats = show("show heartbeat");
     bool repeated = false;
     for (cJSON *e : members(cJSON_GetObjectItem(response(beats), "Event History"), "Event"))
         repeated |= text_of(e, "Event ID") == "beat on request.2";
@@ -728,7 +730,7 @@ TEST_F(Qvtestd, DetachedDaemonRefusesASecondCopyAndStopsThroughItsPidFile)
     EXPECT_EQ(third.status, 1);
     EXPECT_NE(third.err.find("127.0.0.1:7007"), std::string::npos) << third.err;
     EXPECT_FALSE(exists(dir / "third.pid"));
-    EXPECT_TRUE(show({"show", "all"}));
+    EXPECT_TRUE(show("show all"));
 
     kill(pid, SIGTERM);
     EXPECT_EQ(wait_exit(pid), 0);

@@ -48,6 +48,7 @@ unsigned int echo_connections_open(void)
 {
     return connections_open;
 }
+
 unsigned long long echo_bytes_total(void)
 {
     return bytes_total;
@@ -143,7 +144,7 @@ static void echo_backoff_over(qvmodule_timer *timer, time_t interval)
 static void echo_adopt(int fd, qvsockaddr_t *peer_addr)
 {
     struct echo_conn *conn = qvmodule_mem_malloc(echo_listener, sizeof(*conn));
-    struct sockaddr_in peer;
+    struct sockaddr_in peer = {0};
     socklen_t len = sizeof(peer);
     qvmodule *tp;
 
@@ -219,33 +220,45 @@ static void show_clients(cmd_ctx_handle ctx)
                       extensive);
 }
 
+/* Opens the listener: 0, or the error of the step that failed. */
+static int echo_listen(void)
+{
+    int fd, err;
+    qvsockaddr_t *addr;
+
+    echo_listener = qvmodule_alloc("echo", 0, NULL);
+    fd = qvmodule_get_socket_tcp(echo_listener);
+    if (fd < 0)
+        return errno;
+    qvmodule_fixup_socket(echo_listener, fd);
+    qvmodule_set_option(echo_listener, QVMODULE_OPT_REUSEADDR, 1);
+    /* A peer may leave between readiness and accept: never block on it. */
+    qvmodule_set_option(echo_listener, QVMODULE_OPT_NONBLOCK, 1);
+    addr = sockcreate_in(htons((uint16_t)qvtestd_echo_port), htonl(INADDR_LOOPBACK));
+    qvmodule_set_addr(echo_listener, addr); /* freed with the module */
+    err = qvmodule_addr_local(echo_listener, addr);
+    if (err != 0)
+        return err;
+    qvmodule_set_accept(echo_listener, echo_accept);
+    qvmodule_set_accept_flag(echo_listener);
+    qvmodule_create(echo_listener); /* attaches the socket to the loop */
+    return qvmodule_listen(echo_listener, ECHO_BACKLOG);
+}
+
 void echo_init(void)
 {
     evh_event_cb_t cb = {client_event_name};
-    qvsockaddr_t *addr = sockcreate_in(htons((uint16_t)qvtestd_echo_port), htonl(INADDR_LOOPBACK));
     int err;
 
     clients = evh_register_cb("clients", &cb);
     qvsh_register_cmd("show clients", show_clients);
-
-    echo_listener = qvmodule_alloc("echo", 0, NULL);
-    qvmodule_fixup_socket(echo_listener, qvmodule_get_socket_tcp(echo_listener));
-    qvmodule_set_option(echo_listener, QVMODULE_OPT_REUSEADDR, 1);
-    qvmodule_set_option(echo_listener, QVMODULE_OPT_NONBLOCK, 1);
-    qvmodule_set_addr(echo_listener, addr);
-    err = qvmodule_addr_local(echo_listener, addr);
-    if (err == 0) {
-        qvmodule_set_accept(echo_listener, echo_accept);
-        qvmodule_set_accept_flag(echo_listener);
-        qvmodule_create(echo_listener);
-        err = qvmodule_listen(echo_listener, ECHO_BACKLOG);
-    }
-    if (qvmodule_socket(echo_listener) < 0 || err != 0) {
-        trace_cb(trace_global, TRUE, LOG_ERR, "qvtestd: echo port %d: %s", qvtestd_echo_port,
-                 strerror(err != 0 ? err : errno));
+    err = echo_listen();
+    if (err != 0) {
+        trace_cb(trace_global, TRUE, LOG_ERR, "qvtestd: cannot listen on 127.0.0.1:%d: %s",
+                 qvtestd_echo_port, strerror(err));
         fprintf(stderr, "qvtestd: cannot listen on 127.0.0.1:%d: %s\n", qvtestd_echo_port,
-                strerror(err != 0 ? err : errno));
-        qv_daemon_pid_close();
+                strerror(err));
+        qv_daemon_pid_close(); /* a refusal, not a crash: leave no pid file */
         exit(1);
     }
     /* Idle until accept runs out of descriptors. */

@@ -37,7 +37,8 @@ static const char usage_text[] =
     "  -p PATH  pid file, locked while the daemon runs (default " QVTESTD_PID_FILE ")\n"
     "  -s N     rotate the trace file at N bytes (default 5000000)\n"
     "  -c N     keep N trace files, 1 to 255 (default 5)\n"
-    "  -t MASK  trace bits to start with, e.g. 0x41e for all the library's\n"
+    "  -t MASK  trace bits to start with: 0x2 timers, 0x4 jobs, 0x8 sockets,\n"
+    "           0x10 modules, 0x400 libevent, 0x10000 echo connections\n"
     "  -e PORT  echo port on 127.0.0.1 (default 7007)\n"
     "  -h       print this help\n"
     "The show server listens on port 3000 (query it with qvsh). Signals: TERM and\n"
@@ -89,7 +90,7 @@ static unsigned long parse_number(const char *text, int base, unsigned long min,
 
 /* Start-up changes the working directory to /var/tmp/, so a relative path
  * would name another file at quit than at open. */
-static char *absolute_path(const char *path)
+static char *absolute_path(char *path)
 {
     char cwd[PATH_MAX];
     char *abs;
@@ -97,13 +98,15 @@ static char *absolute_path(const char *path)
     if (path[0] == '\0')
         usage_exit("empty path", NULL);
     if (path[0] == '/')
-        return strdup(path);
+        return path; /* argv lives as long as the process */
     if (getcwd(cwd, sizeof(cwd)) == NULL) {
         fprintf(stderr, "qvtestd: cannot read the working directory: %s\n", strerror(errno));
         exit(2);
     }
-    if (asprintf(&abs, "%s/%s", cwd, path) < 0)
-        abs = NULL;
+    if (asprintf(&abs, "%s/%s", cwd, path) < 0) {
+        fputs("qvtestd: out of memory\n", stderr);
+        exit(2);
+    }
     return abs;
 }
 
@@ -114,8 +117,10 @@ static char *pid_format(const char *path)
     char *fmt = malloc(2 * strlen(path) + 1);
     char *out = fmt;
 
-    if (fmt == NULL)
-        return NULL;
+    if (fmt == NULL) {
+        fputs("qvtestd: out of memory\n", stderr);
+        exit(2);
+    }
     for (; *path != '\0'; path++) {
         if (*path == '%')
             *out++ = '%';
@@ -137,11 +142,9 @@ static void parse_options(int argc, char **argv)
             do_daemon = 1;
             break;
         case 'l':
-            free(options.trace_file);
             options.trace_file = absolute_path(optarg);
             break;
         case 'p':
-            free(options.pid_file);
             options.pid_file = absolute_path(optarg);
             break;
         case 's':

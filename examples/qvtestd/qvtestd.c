@@ -243,6 +243,7 @@ static void service_init(void)
 
     service_module = qvmodule_alloc("service", 0, NULL);
     qvmodule_create(service_module);
+    signals_init();
     /* Pinged at half the period, so that one late ping is not fatal. */
     if (watchdog_usec > 0) {
         utime_t half = {(int32_t)(watchdog_usec / 2 / 1000000),
@@ -286,7 +287,8 @@ int main(int argc, char **argv)
     static qv_daemon_app_ctx_t ctx;
 
     /* Everything that can be refused is refused here, before start-up
-     * opens a file, detaches or takes the pid lock. */
+     * opens a file, detaches or takes the pid lock. (The library would run
+     * ctx.args_parser_fn only after those steps, which the options shape.) */
     parse_options(argc, argv);
 
     ctx.daemon_name = "qvtestd";
@@ -299,13 +301,13 @@ int main(int argc, char **argv)
     ctx.app_modules.primary = modules;
     qv_daemon_init(argc, argv, &ctx);
 
+    /* The management commands, and the same through the show server. */
     qv_ui_init("qvtestd");
     bridge_init("qvtestd");
-    signals_init();
     if (!show_port_free() || qvsh_app_init(&qvsh_server_list[QVSH_SERVER_ID_QVTESTD]) != 0) {
         trace_cb(trace_global, TRUE, LOG_ERR, "qvtestd: cannot open the show server on port %d",
                  show_port());
-        fprintf(stderr, "qvtestd: port %d is in use or cannot be opened\n", show_port());
+        fprintf(stderr, "qvtestd: show port %d is in use or cannot be opened\n", show_port());
         qv_daemon_pid_close();
         exit(1);
     }

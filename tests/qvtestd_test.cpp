@@ -533,6 +533,12 @@ TEST_F(Qvtestd, DetachedDaemonRefusesASecondCopyAndStopsThroughItsPidFile)
     EXPECT_EQ(third.status, 1);
     EXPECT_NE(third.output.find("127.0.0.1:7007"), std::string::npos) << third.output;
     EXPECT_FALSE(file_exists(dir.file("3.pid")));
+    // Another echo port too: the show port is taken, and it says so.
+    Outcome fourth =
+        run({QVTESTD_PATH, "-l", dir.file("4.log"), "-p", dir.file("4.pid"), "-e", "7008"});
+    EXPECT_EQ(fourth.status, 1);
+    EXPECT_NE(fourth.output.find("show port 3000 is in use"), std::string::npos) << fourth.output;
+    EXPECT_FALSE(file_exists(dir.file("4.pid")));
     show("show all");
 
     kill(pid, SIGTERM);

@@ -12,7 +12,9 @@
 #include <benchmark/benchmark.h>
 
 #include <event2/event.h>
+#include <event2/thread.h>
 #include <stdio.h>
+#include <string.h>
 #include <time.h>
 
 #include <functional>
@@ -332,6 +334,19 @@ void print_ratios()
 
 int main(int argc, char **argv)
 {
+    // A daemon's base locks itself for other threads; --no_libevent_locks
+    // measures the base without that, as it was made before.
+    bool locks = true;
+    for (int i = 1; i < argc; i++)
+        if (strcmp(argv[i], "--no_libevent_locks") == 0) {
+            locks = false;
+            for (int j = i; j < argc; j++)
+                argv[j] = argv[j + 1];
+            argc--;
+            break;
+        }
+    if (locks)
+        evthread_use_pthreads();
     g_event_base = event_base_new();
     qvmodule_memory_init();
     qvmodule_init();

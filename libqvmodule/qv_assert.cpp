@@ -7,7 +7,7 @@
 
 #include "qv_daemon.h"
 
-void qv_assert_fail(const char *cond, const char *file, const char *func) noexcept
+void qv::qv_assert_fail(const char *cond, const char *file, const char *func) noexcept
 {
     const char *slash = strrchr(file, '/');
     const char *base = slash ? slash + 1 : file;

@@ -10,12 +10,14 @@
 #include <unistd.h>
 
 #include <event2/event.h>
+#include <event2/thread.h>
+#include <pthread.h>
 
-#include <string>
-
+#include "libcpe_event_public_api.h"
 #include "qv_assert.h"
 #include "qv_daemon_private.h"
 #include "qv_memory.h"
+#include "qv_show.h"
 #include "qv_trace_private.h"
 
 extern "C" {
@@ -28,9 +30,9 @@ QV_EXPORT struct event_base *g_event_base = nullptr;
 QV_EXPORT trace_handle *trace_global = nullptr;
 }
 
-qv_giant_lock_func qv_giant_lock_unlock_fn = nullptr;
-const char *qv_gian_lock_last_caller = nullptr;
-int qv_gian_lock_last_caller_line = 0;
+qv_giant_lock_func qv::qv_giant_lock_unlock_fn = nullptr;
+const char *qv::qv_gian_lock_last_caller = nullptr;
+int qv::qv_gian_lock_last_caller_line = 0;
 
 namespace
 {
@@ -39,6 +41,10 @@ constexpr uint32_t kDefaultLogSize = 5000000;
 constexpr uint8_t kDefaultLogCount = 5;
 
 char log_file_name[256];
+
+// The thread that runs the loop; until a daemon starts, every caller is.
+pthread_t loop_thread;
+bool loop_thread_known;
 
 const char *basename_of(const char *path)
 {
@@ -52,6 +58,13 @@ const char *basename_of(const char *path)
     exit(0);
 }
 
+// The same refusal for a default path too long for its buffer, named whole.
+[[noreturn]] void refuse_default_trace_file()
+{
+    trace_cb(nullptr, FALSE, LOG_ERR, "Unable to open trace_file:/var/log/%s.log", progname);
+    exit(0);
+}
+
 // Fills the defaulted trace settings of the context. A default path that
 // would not fit its buffer is refused rather than cut, since a cut path
 // would name some other file.
@@ -60,7 +73,7 @@ void default_trace_settings(qv_daemon_app_ctx_t *ctx)
     if (ctx->log_file_name == nullptr) {
         int n = snprintf(log_file_name, sizeof(log_file_name), "/var/log/%s.log", progname);
         if (n < 0 || static_cast<size_t>(n) >= sizeof(log_file_name))
-            refuse_trace_file((std::string("/var/log/") + progname + ".log").c_str());
+            refuse_default_trace_file();
         ctx->log_file_name = log_file_name;
     }
     if (ctx->log_file_size == 0)
@@ -70,13 +83,17 @@ void default_trace_settings(qv_daemon_app_ctx_t *ctx)
 }
 
 // The trace file's own open aborts on failure; start-up wants the quiet
-// refusal instead, so it tries the path first.
+// refusal instead, so it tries the path first. A path that exists but is
+// no regular file is left to the open's own fatal check.
 void open_trace_file(qv_daemon_app_ctx_t *ctx)
 {
-    FILE *probe = trace_file_open_internal(ctx->log_file_name, 0666);
-    if (probe == nullptr)
-        refuse_trace_file(ctx->log_file_name);
-    fclose(probe);
+    struct stat st;
+    if (stat(ctx->log_file_name, &st) != 0 || (st.st_mode & S_IFREG)) {
+        FILE *probe = trace_file_open_internal(ctx->log_file_name, 0666);
+        if (probe == nullptr)
+            refuse_trace_file(ctx->log_file_name);
+        fclose(probe);
+    }
     trace_global = trace_file_open(ctx->log_file_name, ctx->log_file_size, ctx->log_file_count);
 }
 
@@ -87,6 +104,9 @@ void init_subsystems()
     qvmodule_init();
     qvmodule_timer_init();
     qvmodule_job_init();
+    qvmodule_signal_init();
+    evh_init();
+    qvsh_init();
 }
 
 void run_app_modules(const qv_daemon_app_ctx_t *ctx)
@@ -104,13 +124,18 @@ void run_app_modules(const qv_daemon_app_ctx_t *ctx)
 
 } // namespace
 
-void qv_libevent_trace_fn(int severity, const char *msg) noexcept
+bool qv::qv_on_loop_thread() noexcept
+{
+    return !loop_thread_known || pthread_equal(loop_thread, pthread_self());
+}
+
+void qv::qv_libevent_trace_fn(int severity, const char *msg) noexcept
 {
     if (trace_type_is_enabled(trace_global, QV_TRACE_LIBEVENT))
         trace_cb(trace_global, TRUE, -1, "libevent severity:%d %s", severity, msg);
 }
 
-void qv_libevent_fatal_fn(int err) noexcept
+void qv::qv_libevent_fatal_fn(int err) noexcept
 {
     if (trace_type_is_enabled(trace_global, QV_TRACE_LIBEVENT))
         trace_cb(trace_global, TRUE, -1, "LIBEVENT FATAL ERROR: %d", err);
@@ -123,6 +148,8 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
     if (gethostname(hostname, sizeof(hostname)) != 0)
         exit(0);
     daemon_app_ctx = ctx;
+    if (do_daemon)
+        qv_daemon_daemonize();
     daemon_pid = getpid();
 
     default_trace_settings(ctx);
@@ -130,6 +157,7 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
     trace_cb(trace_global, TRUE, LOG_INFO, "%s: Daemon(%s) starting", "qv_daemon_init", progname);
     openlog(progname, LOG_PID | LOG_NDELAY, LOG_DAEMON);
     setlogmask(LOG_UPTO(LOG_INFO));
+    qv_daemon_pid_open();
 
     umask(022);
     if (chdir("/var/tmp/") != 0) {
@@ -141,6 +169,12 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
     if (ctx->args_parser_fn)
         ctx->args_parser_fn(argc, argv);
 
+    // Other threads arm timers and queue jobs under the giant lock while
+    // the loop waits in the kernel or walks its queues without it: libevent
+    // must lock its own base, and wake the loop for what they add.
+    QV_ASSERT(evthread_use_pthreads() == 0);
+    loop_thread = pthread_self();
+    loop_thread_known = true;
     g_event_base = event_base_new();
     QV_ASSERT(g_event_base);
     struct timeval tv;
@@ -153,6 +187,8 @@ extern "C" QV_EXPORT void qv_daemon_init(int argc, char **argv,
 
 extern "C" QV_EXPORT void qv_daemon_loop(void) noexcept
 {
+    if (!pthread_equal(loop_thread, pthread_self()))
+        loop_thread = pthread_self();
     event_base_loop(g_event_base, 0);
 }
 
@@ -213,7 +249,7 @@ struct UiCommand {
 
 } // namespace
 
-jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept
+jrpc_method_retval_t qv::qv_ui_trace_switch(uint32_t bit, bool on) noexcept
 {
     if (on)
         trace_type_enable(trace_global, bit);
@@ -222,7 +258,7 @@ jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept
     return JRPC_SUCCESS;
 }
 
-void qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept
+void qv::qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept
 {
     cJSON *entry = cJSON_CreateObject();
     cJSON_AddItemToObject(entry, "Name", cJSON_CreateString(name));
@@ -260,6 +296,8 @@ extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept
         {JRPC_REG_SHOW, "timer", "timer information", "timer", 0, qvmodule_timer_show},
         {JRPC_REG_TRACE, nullptr, nullptr, "timer", 1, qvmodule_timer_trace_on},
         {JRPC_REG_TRACE, nullptr, nullptr, "timer", 0, qvmodule_timer_trace_off},
+        {JRPC_REG_TRACE, nullptr, nullptr, "socket", 1, qvmodule_socket_trace_on},
+        {JRPC_REG_TRACE, nullptr, nullptr, "socket", 0, qvmodule_socket_trace_off},
     };
     for (const UiCommand &c : commands) {
         if (c.kind == JRPC_REG_SHOW)

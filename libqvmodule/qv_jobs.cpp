@@ -34,7 +34,7 @@ QV_EXPORT qvmodule_job qvmodule_job_bg_queue = {&qvmodule_job_bg_queue,
                                                 nullptr};
 }
 
-block_t qvmodule_job_block_index = nullptr;
+block_t qv::qvmodule_job_block_index = nullptr;
 
 namespace
 {
@@ -81,7 +81,8 @@ extern "C" QV_EXPORT qvmodule_job *qvmodule_job_create_foreground(qvmodule *tp, 
     {
         QV_GIANT_LOCK_SCOPE();
         qv::append(jp, &qvmodule_job_fg_queue);
-        jp->job_event = event_new(g_event_base, -1, EV_READ, qvmodule_job_event_cb, jp);
+        jp->job_event =
+            event_new(g_event_base, -1, EV_READ | EV_FINALIZE, qvmodule_job_event_cb, jp);
         QV_ASSERT(jp->job_event);
         // Never added: the event goes straight to the loop's active queue.
         event_active(jp->job_event, EV_READ, 1);
@@ -101,7 +102,8 @@ extern "C" QV_EXPORT qvmodule_job *qvmodule_job_create_background(qvmodule *tp, 
     {
         QV_GIANT_LOCK_SCOPE();
         qv::append(jp, &qvmodule_job_bg_queue);
-        jp->job_event = event_new(g_event_base, -1, EV_TIMEOUT, qvmodule_job_event_cb, jp);
+        jp->job_event =
+            event_new(g_event_base, -1, EV_TIMEOUT | EV_FINALIZE, qvmodule_job_event_cb, jp);
         QV_ASSERT(jp->job_event);
         add_bg_timeout(jp);
     }
@@ -119,7 +121,7 @@ extern "C" QV_EXPORT qvmodule_job *qvmodule_job_create(qvmodule *tp, int priorit
     return qvmodule_job_create_foreground(tp, name, job_func, data);
 }
 
-void qvmodule_job_event_cb(int, short event, void *arg) noexcept
+void qv::qvmodule_job_event_cb(int, short event, void *arg) noexcept
 {
     auto *jp = static_cast<qvmodule_job *>(arg);
     bool foreground = jp->job_priority == QVMODULE_JOB_PRIORITY_FOREGROUND;
@@ -127,6 +129,10 @@ void qvmodule_job_event_cb(int, short event, void *arg) noexcept
         QV_ASSERT((event & 0x02) == 0x02);
     else
         QV_ASSERT((event & 0x01) == 0x01);
+    // The record is another thread's to change until the lock is held.
+    QV_GIANT_LOCK_SCOPE();
+    if (jp->job_flags & QVMODULE_JOB_FLAG_FINALIZING)
+        return;
     if (jp->job_flags & QVMODULE_JOB_FLAG_DELETED) {
         qvmodule_job_delete_internal(jp);
         return;
@@ -135,7 +141,6 @@ void qvmodule_job_event_cb(int, short event, void *arg) noexcept
     if (tracing())
         trace_cb(trace_global, TRUE, -1, "%s: dispatching job, name:%s", "qvmodule_job_event_cb",
                  jp->job_name);
-    QV_GIANT_LOCK_SCOPE();
     jp->job_func(jp);
     jp->job_flags &= ~QVMODULE_JOB_FLAG_DISPATCHING;
     if (!foreground && !(jp->job_flags & QVMODULE_JOB_FLAG_DELETED))
@@ -144,12 +149,31 @@ void qvmodule_job_event_cb(int, short event, void *arg) noexcept
         qvmodule_job_delete_internal(jp);
 }
 
-void qvmodule_job_delete_internal(qvmodule_job *jp) noexcept
+namespace
+{
+
+// Frees a job that another thread deleted, on the loop thread, once no
+// callback of its event can still be under way.
+void free_finalized(struct event *, void *arg) noexcept
+{
+    QV_GIANT_LOCK_SCOPE();
+    qvmodule_block_free(qvmodule_job_block_index, arg);
+}
+
+} // namespace
+
+void qv::qvmodule_job_delete_internal(qvmodule_job *jp) noexcept
 {
     {
         QV_GIANT_LOCK_SCOPE();
         trace_name("qvmodule_job_delete_internal", jp);
         qv::remque(jp);
+        if (!qv_on_loop_thread()) {
+            // The callback may have begun and be waiting for the lock.
+            jp->job_flags |= QVMODULE_JOB_FLAG_FINALIZING;
+            QV_ASSERT(event_free_finalize(0, jp->job_event, free_finalized) == 0);
+            return;
+        }
         // Also takes a foreground job that has not run off the active queue.
         QV_ASSERT(event_del(jp->job_event) == 0);
         event_free(jp->job_event);

@@ -17,7 +17,7 @@ QV_EXPORT qvmodule qvmodule_head;
 QV_EXPORT struct qvmodule_block *qvmodule_block_index = nullptr;
 }
 
-char qvmodule_name_buf[QVMODULE_NAME_BUF_SIZE];
+char qv::qvmodule_name_buf[QVMODULE_NAME_BUF_SIZE];
 
 namespace
 {
@@ -46,6 +46,9 @@ extern "C" QV_EXPORT qvmodule *qvmodule_alloc(const char *name, int, void *) noe
 
 extern "C" QV_EXPORT int qvmodule_create(qvmodule *tp) noexcept
 {
+    // A descriptor stored before creation goes live with the module.
+    if (tp->qvmodule_socket != -1)
+        qvmodule_set_socket(tp, tp->qvmodule_socket);
     qv::append(tp, &qvmodule_head);
     trace_module(__func__, tp);
     return 1;
@@ -76,8 +79,11 @@ extern "C" QV_EXPORT void qvmodule_delete(qvmodule *tp) noexcept
     trace_module(__func__, tp);
     if (tp->qvmodule_flags & QVMODULE_FLAG_NO_DELETE)
         return;
+    if (tp->qvmodule_socket != -1)
+        qvmodule_close(tp);
     qvmodule_timer_delete_all(tp);
     qvmodule_job_delete_all(tp);
+    qvmodule_sockfree(tp);
     // A module that was never created has no links to undo.
     if (tp->qvmodule_forw)
         qv::remque(tp);
@@ -91,6 +97,7 @@ extern "C" QV_EXPORT void qvmodule_quit(int code) noexcept
     if (trace_type_is_enabled(trace_global, QV_TRACE_MODULE))
         trace_cb(trace_global, TRUE, -1, "%s:", __func__);
 
+    qv_daemon_pid_close();
     trace_file_close(trace_global);
     trace_global = nullptr;
     if (code == 0)

@@ -182,7 +182,7 @@ extern "C" QV_EXPORT const char *time_print(time_t timev) noexcept
 /* ---------------------------------------------------------------- */
 /* Jitter                                                           */
 
-uint32_t grand(uint32_t n) noexcept
+uint32_t qv::grand(uint32_t n) noexcept
 {
     uint64_t r = static_cast<uint32_t>(lrand48());
     return static_cast<uint32_t>((r * n) >> 32);
@@ -191,8 +191,8 @@ uint32_t grand(uint32_t n) noexcept
 // The unit follows the interval's size so that the 32-bit products cannot
 // overflow: microseconds up to 41 s, milliseconds up to 42948 s, seconds
 // beyond.
-void timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
-                        unsigned int jitter) noexcept
+void qv::timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
+                            unsigned int jitter) noexcept
 {
     uint32_t j = jitter > QVMODULE_TIMER_MAX_JITTER ? QVMODULE_TIMER_MAX_JITTER : jitter;
     uint32_t sec = static_cast<uint32_t>(interval->tv_sec);
@@ -221,10 +221,10 @@ void timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
 /* ---------------------------------------------------------------- */
 /* Creation                                                         */
 
-qvmodule_timer *qvmodule_timer_create_internal(qvmodule *tp, const char *name, flag_t flags,
-                                               const utime_t *interval, const utime_t *offset,
-                                               unsigned int jitter, qvmodule_timer_func func,
-                                               void_t data) noexcept
+qvmodule_timer *qv::qvmodule_timer_create_internal(qvmodule *tp, const char *name, flag_t flags,
+                                                   const utime_t *interval, const utime_t *offset,
+                                                   unsigned int jitter, qvmodule_timer_func func,
+                                                   void_t data) noexcept
 {
     QV_ASSERT(flags == 0);
     QV_GIANT_LOCK_SCOPE();
@@ -234,7 +234,10 @@ qvmodule_timer *qvmodule_timer_create_internal(qvmodule *tp, const char *name, f
     tip->timer_qvmodule = tp;
     tip->timer_func = func;
     tip->timer_data = data;
-    tip->timer_event = event_new(g_event_base, -1, EV_TIMEOUT, qvmodule_timer_event_cb, tip);
+    // EV_FINALIZE: another thread's event_del must not wait for a callback
+    // that is itself waiting for the giant lock which that thread holds.
+    tip->timer_event =
+        event_new(g_event_base, -1, EV_TIMEOUT | EV_FINALIZE, qvmodule_timer_event_cb, tip);
     QV_ASSERT(tip->timer_event);
     qv::append(tip, &timer_head);
     trace_name("qvmodule_timer_create_internal", tip);
@@ -360,17 +363,20 @@ extern "C" QV_EXPORT void qvmodule_timer_set_uoffset(qvmodule_timer *tip, const 
 /* ---------------------------------------------------------------- */
 /* Dispatch                                                         */
 
-void qvmodule_timer_event_cb(int, short event, void *arg) noexcept
+void qv::qvmodule_timer_event_cb(int, short event, void *arg) noexcept
 {
     auto *tip = static_cast<qvmodule_timer *>(arg);
     QV_ASSERT((event & 0x01) == 0x01);
+    // The record is another thread's to change until the lock is held.
+    QV_GIANT_LOCK_SCOPE();
+    if (tip->timer_flags & QVMODULE_TIMER_FLAG_FINALIZING)
+        return;
     if (tip->timer_flags & QVMODULE_TIMER_FLAG_DELETED) {
         qvmodule_timer_delete_internal(tip);
         return;
     }
     tip->timer_flags =
         (tip->timer_flags & ~QVMODULE_TIMER_FLAG_RESCHEDULED) | QVMODULE_TIMER_FLAG_DISPATCHING;
-    QV_GIANT_LOCK_SCOPE();
     if (tracing())
         trace_cb(trace_global, TRUE, -1, "%s: dispatching timer name:%s", "qvmodule_timer_event_cb",
                  tip->timer_name);
@@ -410,11 +416,30 @@ extern "C" QV_EXPORT void qvmodule_timer_expire_immediately(qvmodule_timer *tip)
     tip->timer_flags |= QVMODULE_TIMER_FLAG_RESCHEDULED | QVMODULE_TIMER_FLAG_ARMED;
 }
 
-void qvmodule_timer_delete_internal(qvmodule_timer *tip) noexcept
+namespace
+{
+
+// Frees a record that another thread deleted, on the loop thread, once no
+// callback of its event can still be under way.
+void free_finalized(struct event *, void *arg) noexcept
+{
+    QV_GIANT_LOCK_SCOPE();
+    qvmodule_block_free(qvmodule_timer_block_index, arg);
+}
+
+} // namespace
+
+void qv::qvmodule_timer_delete_internal(qvmodule_timer *tip) noexcept
 {
     trace_name("qvmodule_timer_delete_internal", tip);
     QV_GIANT_LOCK_SCOPE();
     qv::remque(tip);
+    if (!qv_on_loop_thread()) {
+        // The callback may have begun and be waiting for the lock.
+        tip->timer_flags |= QVMODULE_TIMER_FLAG_FINALIZING;
+        QV_ASSERT(event_free_finalize(0, tip->timer_event, free_finalized) == 0);
+        return;
+    }
     QV_ASSERT(event_del(tip->timer_event) == 0);
     event_free(tip->timer_event);
     qvmodule_block_free(qvmodule_timer_block_index, tip);

@@ -18,8 +18,9 @@
 #include "qv_daemon.h"
 #include "qv_trace_private.h"
 
-int (*qv_trace_fputs_fn)(const char *s, FILE *fp) = fputs;
-int (*qv_trace_statfs_fn)(const char *path, struct statfs *buf) = statfs;
+int (*qv::qv_trace_fputs_fn)(const char *s, FILE *fp) = fputs;
+int (*qv::qv_trace_statfs_fn)(const char *path, struct statfs *buf) = statfs;
+void (*qv::qv_trace_vsyslog_fn)(int priority, const char *fmt, va_list ap) = vsyslog;
 
 namespace
 {
@@ -62,11 +63,19 @@ bool write_line(trace_file_t *tf, const char *line, size_t len)
 
 } // namespace
 
-FILE *trace_file_open_internal(const char *file_name, int perms) noexcept
+FILE *qv::trace_file_open_internal(const char *file_name, int perms) noexcept
 {
-    int fd = open(file_name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, perms);
+    // Without O_NONBLOCK, a FIFO at the path would block the open until a
+    // reader came; only a regular file is taken, in blocking mode.
+    int fd = open(file_name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, perms);
     if (fd < 0)
         return nullptr;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+        fcntl(fd, F_SETFL, O_WRONLY | O_APPEND) != 0) {
+        close(fd);
+        return nullptr;
+    }
     FILE *fp = fdopen(fd, "a");
     if (fp == nullptr) {
         close(fd);
@@ -76,7 +85,7 @@ FILE *trace_file_open_internal(const char *file_name, int perms) noexcept
     return fp;
 }
 
-void trace_file_close_internal(trace_file_t *traceptr) noexcept
+void qv::trace_file_close_internal(trace_file_t *traceptr) noexcept
 {
     if (traceptr == nullptr || traceptr->trace_fileptr == nullptr)
         return;
@@ -84,7 +93,7 @@ void trace_file_close_internal(trace_file_t *traceptr) noexcept
     traceptr->trace_fileptr = nullptr;
 }
 
-void rotate_log(const char *log_file, unsigned int max_files) noexcept
+void qv::rotate_log(const char *log_file, unsigned int max_files) noexcept
 {
     char target[4101];
     char source[4101];
@@ -105,7 +114,7 @@ void rotate_log(const char *log_file, unsigned int max_files) noexcept
     }
 }
 
-void trace_rotate(trace_file_t *traceptr) noexcept
+void qv::trace_rotate(trace_file_t *traceptr) noexcept
 {
     if (traceptr->trace_fileptr != nullptr)
         fputs(kRotating, traceptr->trace_fileptr);
@@ -116,8 +125,8 @@ void trace_rotate(trace_file_t *traceptr) noexcept
     QV_ASSERT(traceptr->trace_fileptr);
 }
 
-char *trace_msg(trace_file_t *traceptr, char *trace_buffer, int *msg_len, const char *fmt,
-                va_list ap) noexcept
+char *qv::trace_msg(trace_file_t *traceptr, char *trace_buffer, int *msg_len, const char *fmt,
+                    va_list ap) noexcept
 {
     if (traceptr == nullptr || traceptr->trace_fileptr == nullptr)
         return nullptr;
@@ -192,7 +201,7 @@ extern "C" QV_EXPORT void trace_cb(trace_file_t *traceptr, boolean do_log, int s
     }
     if (syslog_level != -1) {
         va_start(ap, fmt);
-        vsyslog(syslog_level, fmt, ap);
+        qv_trace_vsyslog_fn(syslog_level, fmt, ap);
         va_end(ap);
     }
 }

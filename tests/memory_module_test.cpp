@@ -10,9 +10,11 @@
 #include <random>
 #include <regex>
 
+#include "event_private.h"
 #include "qv_daemon_private.h"
 #include "qv_jobs_private.h"
 #include "qv_memory_private.h"
+#include "qv_show.h"
 #include "qv_test_util.h"
 
 namespace
@@ -115,9 +117,11 @@ TEST(Memory, RandomOperationsAgreeWithAModel)
         o.tb = i > 3 ? qvmodule_block_init(sizes[i - 4], i < 18 ? name : again) : nullptr;
         o.want = o.tb ? counts(o.tb) : i == 3 ? counts(qvmodule_cookie_anon) : Counts{};
         // A zero size counts nothing, yet makes the cookie, newest first.
-        EXPECT_TRUE(!o.tp ||
-                    (!qvmodule_mem_malloc(o.tp, 0) && qvmodule_cookies->tmc_qvmodule == o.tp &&
-                     qvmodule_cookies == o.mod.qvmodule_mem_cookie));
+        if (o.tp) {
+            EXPECT_EQ(qvmodule_mem_malloc(o.tp, 0), nullptr);
+            EXPECT_EQ(qvmodule_cookies->tmc_qvmodule, o.tp);
+            EXPECT_EQ(qvmodule_cookies, o.mod.qvmodule_mem_cookie);
+        }
     }
     EXPECT_EQ(qvmodule_cookie_block->tb_n_alloc, cookies + 3);
     names[2] += 15, names[3] += 15, names[1] = std::max(names[1], names[2]);
@@ -126,8 +130,9 @@ TEST(Memory, RandomOperationsAgreeWithAModel)
     for (block_t tb = qvmodule_block_list; tb; tb = tb->tb_next)
         listed.push_back(tb);
     auto at = [&](block_t tb) { return std::ranges::find(listed, tb); }; // equal sizes as created
-    EXPECT_TRUE(listed.size() == names[2] + 1u && at(all[8].tb) < at(all[18].tb) &&
-                std::ranges::is_sorted(listed, {}, &qvmodule_block_t::tb_size));
+    EXPECT_EQ(listed.size(), names[2] + 1u);
+    EXPECT_LT(at(all[8].tb), at(all[18].tb)) << "equal sizes in creation order";
+    EXPECT_TRUE(std::ranges::is_sorted(listed, {}, &qvmodule_block_t::tb_size));
     std::mt19937 rng(20240611);
     std::string locks; // each op's calls, and the caller the next call will find
     char last = qv_gian_lock_last_caller ? qv_gian_lock_last_caller[16] : '-';
@@ -142,8 +147,10 @@ TEST(Memory, RandomOperationsAgreeWithAModel)
         auto at = o.live.begin() + rng() % o.live.size();
         auto l = *at;
         o.live.erase(at);
-        EXPECT_TRUE(filled(l.first, l.second, fill(l.second)) &&
-                    (o.tb || qvmodule_get_actual_alloc_size(l.first) == l.second));
+        EXPECT_TRUE(filled(l.first, l.second, fill(l.second))) << "block of " << l.second;
+        if (!o.tb) {
+            EXPECT_EQ(qvmodule_get_actual_alloc_size(l.first), l.second);
+        }
         return l;
     };
     auto charge = [&](Owner &o, void *p, uint32_t bytes) {
@@ -170,15 +177,22 @@ TEST(Memory, RandomOperationsAgreeWithAModel)
                       : rng() % 2 ? qvmodule_mem_malloc(o.tp, size)
                                   : qvmodule_mem_realloc(o.tp, nullptr, size);
             size += op && src;
-            ASSERT_TRUE((p == nullptr) == (size == 0 || (op && !src)) &&
-                        (op ? !src || text == static_cast<char *>(p) : filled(p, size, 0)));
+            ASSERT_EQ(p == nullptr, size == 0 || (op && !src)) << "op " << op << " size " << size;
+            if (op && src) {
+                ASSERT_STREQ(static_cast<char *>(p), text.c_str());
+            }
+            if (!op) {
+                ASSERT_TRUE(filled(p, size, 0)) << "not cleared, size " << size;
+            }
             p ? charge(o, p, size) : void(o.want[4] += op && !src);
         } else if (op == 2) { // a new block, charged before the old one leaves, all under lock
             auto [q, n] = take(o);
             auto *p = static_cast<unsigned char *>(qvmodule_mem_realloc(o.tp, q, size));
             uint32_t copied = std::min(size, n);
-            ASSERT_TRUE((p == nullptr) == (size == 0) && p != q && filled(p, copied, fill(n)) &&
-                        filled(p + copied, size - copied, 0));
+            ASSERT_EQ(p == nullptr, size == 0) << "resize to " << size;
+            ASSERT_NE(p, q) << "a resize always moves";
+            ASSERT_TRUE(filled(p, copied, fill(n))) << "copied " << copied << " of " << n;
+            ASSERT_TRUE(filled(p + copied, size - copied, 0)) << "growth not cleared";
             p ? (locks += {'L', last}, last = 'r', charge(o, p, size)) : void();
             discharge(o.want, n);
             locks += p ? "Uf" : "";
@@ -246,8 +260,11 @@ TEST(Module, RandomLifecyclesAgreeWithAModel)
             accept ? note(std::string("qvmodule_alloc_accept: name:listener, new_name:") + name)
                    : void();
             // Of the listener only the socket domain is taken over.
-            ASSERT_TRUE(tp->qvmodule_socket == -1 && !tp->qvmodule_flags && !tp->qvmodule_data &&
-                        tp->qvmodule_socket_domain == (accept ? AF_INET : 0) && !tp->qvmodule_forw);
+            ASSERT_EQ(tp->qvmodule_socket, -1);
+            ASSERT_EQ(tp->qvmodule_flags, 0u);
+            ASSERT_EQ(tp->qvmodule_data, nullptr);
+            ASSERT_EQ(tp->qvmodule_socket_domain, accept ? AF_INET : 0);
+            ASSERT_EQ(tp->qvmodule_forw, nullptr);
             qvmodule_mem_malloc(tp, rng() % 40); // size 0 makes only the cookie
             note((op == 1 ? "qvmodule_create: name:" : "qvmodule_free: name:") + std::string(name));
             op == 1 ? (qvmodule_create(tp), model.push_back(tp)) : qvmodule_free(tp);
@@ -258,7 +275,9 @@ TEST(Module, RandomLifecyclesAgreeWithAModel)
                 note("qvmodule_free" + tail), std::erase(model, tp);
             qvmodule snapshot = *tp;
             qvmodule_delete(tp);
-            ASSERT_TRUE(!kept || !memcmp(&snapshot, tp, sizeof snapshot)) << "only a trace line";
+            if (kept) {
+                ASSERT_EQ(memcmp(&snapshot, tp, sizeof snapshot), 0) << "only a trace line";
+            }
         } else {
             bool set = qvmodule_flags_isset(tp, QVMODULE_FLAG_NO_DELETE);
             (set ? qvmodule_flags_reset : qvmodule_flags_set)(tp, QVMODULE_FLAG_NO_DELETE | 0x100);
@@ -314,7 +333,8 @@ TEST(Module, FatalErrorsHeapExhaustionAndQuitInAChild)
     EXPECT_NE(qvtest::read_file(trace.path).find("]  qvmodule_quit:\n"), std::string::npos);
 }
 
-// A real daemon, in a child: its fresh shows; a deleted module's timers and jobs go too.
+// A real daemon, in a child: its fresh shows (the show shell's module and cookie among them); a
+// deleted module's timers and jobs go too.
 TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
 {
     qvtest::TempDir dir;
@@ -326,11 +346,13 @@ TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
         qv_daemon_init(1, argv, &ctx);
         qvmodule *tp = qvmodule_alloc("appmod", 0, nullptr);
         qvmodule_create(tp), qvmodule_mem_strdup(tp, "hello");
-        EXPECT_EQ(show("module"), module_show_of({tp}));
+        EXPECT_EQ(show("module"), module_show_of({evh_qvmodule, sh_qvmodule, tp}))
+            << "start-up made the event history's and the show shell's modules";
         std::string mem = show("memory");
         EXPECT_EQ(mem, memory_show_of_lists());
         EXPECT_TRUE(mem.ends_with(
             R"("Cookie":{"Name":"appmod","Max Bytes":6,"Cur Bytes":6,"Max Alloc":1,"Cur Alloc":1,"Calls":1},)"
+            R"("Cookie":{"Name":"QV Show infra","Max Bytes":9,"Cur Bytes":9,"Max Alloc":1,"Cur Alloc":1,"Calls":1},)"
             R"("Cookie":{"Name":"--Anonymous--","Max Bytes":0,"Cur Bytes":0,"Max Alloc":0,"Cur Alloc":0,"Calls":0}}})"));
         auto fail = [](qvmodule_job *) { abort(); };
         qvmodule_timer_create(
@@ -343,4 +365,30 @@ TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
         return int(::testing::Test::HasFailure());
     });
     EXPECT_EQ(status, 0);
+}
+
+// Every charged block, fresh, copied or resized, and every pool block can hold any object.
+TEST(Memory, BlocksAreAlignedForAnyObject)
+{
+    const size_t want = sizeof(void *) == 8 ? alignof(max_align_t) : 8;
+    auto misalignment = [want](const void *p) { return reinterpret_cast<uintptr_t>(p) % want; };
+    qvmodule mod{};
+    mod.qvmodule_name = "aligned";
+    for (size_t size : {1, 3, 4, 7, 8, 15, 16, 17, 31, 64, 100, 128, 129, 1000, 1024, 1025, 5000}) {
+        void *p = qvmodule_mem_malloc(&mod, size);
+        EXPECT_EQ(misalignment(p), 0u) << "malloc of " << size;
+        EXPECT_EQ(qvmodule_get_actual_alloc_size(p), size);
+        void *q = qvmodule_mem_realloc(nullptr, p, size * 2 + 1);
+        EXPECT_EQ(misalignment(q), 0u) << "resize of " << size;
+        std::string text(size, 'a');
+        char *s = qvmodule_mem_strdup(&mod, text.c_str());
+        EXPECT_EQ(misalignment(s), 0u) << "copy of " << size;
+        block_t tb = qvmodule_block_init(size, "aligned");
+        void *b = qvmodule_block_alloc(tb);
+        EXPECT_EQ(misalignment(b), 0u) << "pool block of " << size;
+        qvmodule_block_free(tb, b);
+        qvmodule_mem_free(&mod, s);
+        qvmodule_mem_free(nullptr, q);
+    }
+    qvmodule_mem_cookie_free(&mod);
 }

@@ -153,7 +153,8 @@ TEST(Patricia, RootHooksConstVariantsAndFatalChecks)
     patnode *A = r[0].set_key("\1\1\1\1", false);
     patnode *B = r[1].set_key("\1\1\1\2\1", false);
     patnode *C = r[2].set_key("\1\1\1\3", false);
-    ASSERT_TRUE(patricia_add(T, A) && patricia_add(T, C));
+    ASSERT_TRUE(patricia_add(T, A));
+    ASSERT_TRUE(patricia_add(T, C));
     const patroot *cT = T;
     EXPECT_EQ(patricia_cons_get(cT, 4, "\1\1\1\3"), C);
     EXPECT_EQ(patricia_cons_find_next(cT, A), C);
@@ -198,7 +199,8 @@ TEST(Patricia, RootHooksConstVariantsAndFatalChecks)
     }
     EXPECT_DEATH(patricia_get(T, 0, "x"), "");
 
-    ASSERT_TRUE(patricia_delete(T, A) && patricia_delete(T, C));
+    ASSERT_TRUE(patricia_delete(T, A));
+    ASSERT_TRUE(patricia_delete(T, C));
     patricia_root_delete(T);
     patricia_root_delete(nullptr);
     EXPECT_EQ(calls, 12);

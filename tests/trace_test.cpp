@@ -25,7 +25,8 @@ class TraceTest : public ::testing::Test
     void SetUp() override
     {
         progname = const_cast<char *>("mydaemon");
-        gethostname(hostname, sizeof(hostname));
+        // A fixed host name keeps line lengths the same on every machine.
+        snprintf(hostname, sizeof(hostname), "%s", "h1");
     }
     void TearDown() override
     {
@@ -63,8 +64,8 @@ TEST_F(TraceTest, LineLayoutAndBudget)
 
     auto lines = read_lines(path());
     ASSERT_EQ(lines.size(), 4u);
-    std::regex layout(R"(^[A-Z][a-z]{2} [ 0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]{6} )" +
-                      std::string(hostname) + R"( \[mydaemon\]  fn: name:abc$)");
+    std::regex layout(R"(^[A-Z][a-z]{2} [ 0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]{6} )"
+                      R"(h1 \[mydaemon\]  fn: name:abc$)");
     EXPECT_TRUE(std::regex_match(lines[0], layout)) << lines[0];
     EXPECT_EQ(lines[1].substr(lines[1].size() - 5), "  abc");
     EXPECT_EQ(lines[2].size() + 1, 2047u);
@@ -76,8 +77,8 @@ TEST_F(TraceTest, LineLayoutAndBudget)
 TEST_F(TraceTest, RotatesBeforeTheLineThatWouldPassTheLimit)
 {
     trace_file_t *tf = open(100, 3);
-    // 36 bytes of time, brackets and blanks, the host, the message, a newline.
-    std::string msg(60 - 36 - strlen(hostname) - 1, 'm');
+    // 36 bytes of time, brackets and blanks, 2 of host, the message, a newline.
+    std::string msg(60 - 36 - 2 - 1, 'm');
     for (int i = 0; i < 3; i++)
         trace_cb(tf, TRUE, -1, "%s", msg.c_str());
     EXPECT_EQ(tf->trace_size, 60u);
@@ -218,6 +219,40 @@ TEST_F(TraceDeathTest, BadPathsAreFatal)
             trace_cb(tf, TRUE, -1, "this rotates");
         },
         "qv_trace.cpp:trace_rotate: assertion \"traceptr->trace_fileptr\"");
+    trace_file_close(tf);
+}
+
+void start_daemon(const std::string &trace_path)
+{
+    qv_daemon_app_ctx_t ctx{};
+    ctx.log_file_name = const_cast<char *>(trace_path.c_str());
+    char arg0[] = "mydaemon";
+    char *argv[] = {arg0, nullptr};
+    qv_daemon_init(1, argv, &ctx);
+}
+
+// A FIFO or a directory at the path reaches the open's fatal check, at start-up as well, and
+// nothing waits for a FIFO's reader (the alarm ends a wait with no message).
+TEST_F(TraceDeathTest, PathsThatAreNoRegularFileAreFatalAtStartUp)
+{
+    std::string fifo = dir.file("fifo.log");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string &bad : {fifo, dir.path()}) {
+        EXPECT_DEATH((alarm(10), trace_file_open(bad.c_str(), 1, 1)),
+                     "trace_file_open: assertion \"0\"")
+            << bad;
+        EXPECT_DEATH((alarm(10), start_daemon(bad)), "trace_file_open: assertion \"0\"") << bad;
+    }
+    // A rotation that finds a FIFO in the file's place cannot reopen it.
+    trace_file_t *tf = open(10, 1);
+    EXPECT_DEATH(
+        {
+            alarm(10);
+            unlink(path().c_str());
+            mkfifo(path().c_str(), 0600);
+            trace_cb(tf, TRUE, -1, "this rotates");
+        },
+        "trace_rotate: assertion \"traceptr->trace_fileptr\"");
     trace_file_close(tf);
 }
 

@@ -36,6 +36,8 @@ const std::vector<Row> kTable = {
     {JRPC_REG_SHOW, "timer", "timer information", "timer", 0, qvmodule_timer_show},
     {JRPC_REG_TRACE, nullptr, nullptr, "timer", 1, qvmodule_timer_trace_on},
     {JRPC_REG_TRACE, nullptr, nullptr, "timer", 0, qvmodule_timer_trace_off},
+    {JRPC_REG_TRACE, nullptr, nullptr, "socket", 1, qvmodule_socket_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "socket", 0, qvmodule_socket_trace_off},
 };
 
 class UiTest : public ::testing::Test

@@ -5,7 +5,20 @@
 
 #include "qv_daemon.h"
 
+/* The library's internal names stand in its own namespace, so that a
+ * daemon linking the static archive keeps every other name for itself. The
+ * library's sources and tests name them unqualified. */
+namespace qv
+{
+
 void qv_libevent_trace_fn(int severity, const char *msg) noexcept;
+
+/* Start-up steps: the double fork, and taking the pid lock file (nothing
+ * when the context names none). */
+void qv_daemon_daemonize() noexcept;
+void qv_daemon_pid_open() noexcept;
+/* The locked pid file's descriptor; -1 when none is open. */
+extern int daemon_pid_fd;
 
 /* The body of every trace on/off command: sets or clears one bit of
  * trace_global's mask. */
@@ -13,6 +26,11 @@ jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept;
 /* Adds {"Name": name} to a show list under its repeating entry key. */
 void qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept;
 void qv_libevent_fatal_fn(int err) noexcept;
+
+/* Whether the caller runs on the event loop's thread. A record whose
+ * event another thread deletes may have its callback under way there, so
+ * it is freed by libevent's finalizer on the loop thread instead. */
+bool qv_on_loop_thread() noexcept;
 
 extern qv_giant_lock_func qv_giant_lock_unlock_fn;
 extern const char *qv_gian_lock_last_caller;
@@ -64,6 +82,10 @@ class QvGiantLockGuard
     int res_;
 };
 
-#define QV_GIANT_LOCK_SCOPE() QvGiantLockGuard qv_giant_lock_scope_(__func__, __LINE__)
+} // namespace qv
+
+using namespace qv;
+
+#define QV_GIANT_LOCK_SCOPE() ::qv::QvGiantLockGuard qv_giant_lock_scope_(__func__, __LINE__)
 
 #endif

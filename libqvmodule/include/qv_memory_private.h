@@ -10,6 +10,9 @@
 #define QV_MEM_HEADER_SIZE sizeof(uint32_t)
 static_assert(QV_MEM_HEADER_SIZE == 4, "the size header is 4 bytes on every target");
 
+namespace qv
+{
+
 extern block_t qvmodule_cookie_block;
 extern qvmodule_mem_cookie_t *qvmodule_cookie_anon;
 
@@ -29,7 +32,11 @@ void qvmodule_cookie_dec_stats(qvmodule_mem_cookie_t *tmc, uint32_t n_bytes,
  * heap here stops the daemon, naming the pool and the calling function. */
 void_t qvmodule_record_alloc(block_t tb, const char *file, const char *func) noexcept;
 
+} // namespace qv
+
+using namespace qv;
+
 #define QV_RECORD_ALLOC(type, tb)                                                                  \
-    static_cast<type *>(qvmodule_record_alloc((tb), __FILE__, __func__))
+    static_cast<type *>(::qv::qvmodule_record_alloc((tb), __FILE__, __func__))
 
 #endif

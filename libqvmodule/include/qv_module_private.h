@@ -9,6 +9,11 @@
 /* Names are printed to at most this many characters. */
 #define QVMODULE_NAME_MAX 40
 
+namespace qv
+{
 extern char qvmodule_name_buf[QVMODULE_NAME_BUF_SIZE];
+}
+
+using namespace qv;
 
 #endif

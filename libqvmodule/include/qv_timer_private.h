@@ -17,9 +17,15 @@
 #define QVMODULE_TIMER_FLAG_RESCHEDULED 0x04u
 /* Deletion requested; freed as soon as its function is not running. */
 #define QVMODULE_TIMER_FLAG_DELETED 0x08u
+/* Deleted from another thread: libevent's finalizer frees it, and a
+ * callback already under way leaves it alone. */
+#define QVMODULE_TIMER_FLAG_FINALIZING 0x10u
 
 /* Jitter percentages above this count as this. */
 #define QVMODULE_TIMER_MAX_JITTER 50u
+
+namespace qv
+{
 
 qvmodule_timer *qvmodule_timer_create_internal(qvmodule *tp, const char *name, flag_t flags,
                                                const utime_t *interval, const utime_t *offset,
@@ -34,5 +40,9 @@ void timer_apply_jitter(struct timeval *exptime, const struct timeval *interval,
                         unsigned int jitter) noexcept;
 /* lrand48() scaled into 0 .. n/2. */
 uint32_t grand(uint32_t n) noexcept;
+
+} // namespace qv
+
+using namespace qv;
 
 #endif

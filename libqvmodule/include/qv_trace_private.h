@@ -12,6 +12,9 @@
  * shorter, its terminating zero excluded. */
 #define QV_TRACE_LINE_BUF 2048
 
+namespace qv
+{
+
 FILE *trace_file_open_internal(const char *file_name, int perms) noexcept;
 void trace_file_close_internal(trace_file_t *traceptr) noexcept;
 char *trace_msg(trace_file_t *traceptr, char *trace_buffer, int *msg_len, const char *fmt,
@@ -23,5 +26,11 @@ void trace_rotate(trace_file_t *traceptr) noexcept;
  * tests replace them to simulate a full disk. */
 extern int (*qv_trace_fputs_fn)(const char *s, FILE *fp);
 extern int (*qv_trace_statfs_fn)(const char *path, struct statfs *buf);
+/* Where trace_cb hands messages for syslog; tests read them from here. */
+extern void (*qv_trace_vsyslog_fn)(int priority, const char *fmt, va_list ap);
+
+} // namespace qv
+
+using namespace qv;
 
 #endif

@@ -45,8 +45,18 @@ typedef struct _utime_t {
 
 struct _qvmodule;
 
+/* A port in network byte order. */
+typedef uint16_t in_port;
+/* An IPv4 address in network byte order. C++ has the system's struct
+ * in_addr in the same name space as typedefs, so C++ code names this
+ * 32-bit type qv_in_addr_t; C code may use either name. */
+typedef uint32_t qv_in_addr_t;
+#ifndef __cplusplus
+typedef qv_in_addr_t in_addr;
+#endif
+
 /* The compact socket address; its layout is private to the library. */
-typedef struct _qvsockaddr qvsockaddr_t;
+typedef union sockaddr_un_ qvsockaddr_t;
 
 /* Socket callbacks of a module: each takes the module it belongs to. */
 typedef void (*qvmodule_recv_func)(struct _qvmodule *tp);

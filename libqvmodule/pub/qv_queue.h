@@ -7,6 +7,12 @@
 #ifndef QV_QUEUE_H
 #define QV_QUEUE_H
 
+/* The C library declares its own insque and remque here. They are seen
+ * under their names now, whichever of the two headers a source includes
+ * first, so that the macros below rename only this header's uses and the
+ * source's own calls. */
+#include <search.h>
+
 #include "qv_defs.h"
 
 QV_BEGIN_DECLS
@@ -47,25 +53,31 @@ static inline void qv_queue_init(void *head)
 
 QV_END_DECLS
 
+/* insque(elem, pred) and remque(elem) are these functions. */
+#define insque qv_insque
+#define remque qv_remque
+
 #ifdef __cplusplus
 namespace qv
 {
-/* Typed forms for records that begin with a pair of links. */
+/* Typed forms for records that begin with a pair of links. The macros
+ * above name these qv::qv_insque and qv::qv_remque, which qv::insque and
+ * qv::remque reach as well; the global functions are named in full. */
 template <class T> inline void insque(T *elem, T *pred) noexcept
 {
-    qv_insque(elem, pred);
+    ::qv_insque(elem, pred);
 }
 template <class T> inline void remque(T *elem) noexcept
 {
-    qv_remque(elem);
+    ::qv_remque(elem);
 }
 template <class T> inline void queue_init(T *head) noexcept
 {
-    qv_queue_init(head);
+    ::qv_queue_init(head);
 }
 template <class T> inline void append(T *elem, T *head) noexcept
 {
-    qv_insque(elem, reinterpret_cast<qelement *>(head)->q_back);
+    ::qv_insque(elem, reinterpret_cast<qelement *>(head)->q_back);
 }
 /* Calls fn on every element; fn may unlink the element it is given. */
 template <class T, class F> inline void for_each(T *head, F fn) noexcept

@@ -1,4 +1,5 @@
-/* Six-byte layer-2 (Ethernet MAC) addresses: copy, tests, ordering and the
+/* Compact socket addresses (a UNIX path, or an IPv4 port and address) and
+ * six-byte layer-2 (Ethernet MAC) addresses: copy, tests, ordering and the
  * colon-separated text form "00:1a:2b:3c:4d:5e". */
 #ifndef QV_SOCKADDR_L2ADDR_H
 #define QV_SOCKADDR_L2ADDR_H
@@ -7,6 +8,34 @@
 #include "qv_defs.h"
 
 QV_BEGIN_DECLS
+
+/* ------------------------------------------------------------------ */
+/* Socket addresses                                                    */
+
+struct sockaddr;
+
+/* Records come from malloc and belong to whoever a create or conversion
+ * returned them to; release them with sockfree. Running out of memory
+ * while making one stops the daemon. */
+QV_EXPORT qvsockaddr_t *sockcreate_un(const char *name) QV_NOEXCEPT;
+/* port and addr are stored as given: pass them in network byte order. */
+QV_EXPORT qvsockaddr_t *sockcreate_in(in_port port, qv_in_addr_t addr) QV_NOEXCEPT;
+/* Null is ignored. */
+QV_EXPORT void sockfree(qvsockaddr_t *addr) QV_NOEXCEPT;
+/* Writes the kernel form into addr and returns the length to hand to bind
+ * or connect: 110 for a UNIX path (addr must hold that many bytes; paths
+ * of 108 characters or more are cut without a terminator), 16 for IPv4. */
+QV_EXPORT uint32_t qvsockaddr2sockaddr(const qvsockaddr_t *ga, struct sockaddr *addr) QV_NOEXCEPT;
+/* A new record from a kernel address and the length the kernel reported.
+ * Bytes the length does not cover read as zero: an IPv4 length of 3 or
+ * less gives port 0, a UNIX length of 2 or less an empty path. */
+QV_EXPORT qvsockaddr_t *sockaddr2qvsockaddr(struct sockaddr *addr, size_t len) QV_NOEXCEPT;
+/* "UNIX/path" or "INET4/a.b.c.d:port", cut to 127 characters, in a static
+ * buffer per family that the next print of that family overwrites. */
+QV_EXPORT const char *qvsockaddr_print(qvsockaddr_t *addr) QV_NOEXCEPT;
+
+/* ------------------------------------------------------------------ */
+/* Layer-2 addresses                                                   */
 
 #define L2_ADDR_LEN 6
 

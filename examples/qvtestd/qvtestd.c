@@ -10,7 +10,6 @@
  * signals (TERM and INT stop it, HUP toggles tracing, USR1 beats the
  * heartbeat at once), and through the trace file. */
 #include "qvtestd.h"
-#include "bridge.h"
 #include "notify.h"
 
 #include <ctype.h>
@@ -303,7 +302,7 @@ int main(int argc, char **argv)
 
     /* The management commands, and the same through the show server. */
     qv_ui_init("qvtestd");
-    bridge_init("qvtestd");
+    qvsh_register_ui_cmds();
     if (!show_port_free() || qvsh_app_init(&qvsh_server_list[QVSH_SERVER_ID_QVTESTD]) != 0) {
         trace_cb(trace_global, TRUE, LOG_ERR, "qvtestd: cannot open the show server on port %d",
                  show_port());

@@ -2,6 +2,7 @@
  * the management commands, runs one pass of its loop and leaves. */
 #include <event2/event.h>
 #include <qv_daemon.h>
+#include <qv_version.h>
 #include <stdio.h>
 
 int main(int argc, char **argv)
@@ -16,6 +17,8 @@ int main(int argc, char **argv)
     qv_daemon_init(argc, argv, &ctx);
     qv_ui_init("consumer");
     qv_daemon_json_event_hndl(EVLOOP_NONBLOCK);
+    trace_cb(trace_global, 1, -1, "consumer: built against %s, running %s", QV_VERSION_STRING,
+             qv_version());
     trace_cb(trace_global, 1, -1, "consumer: done");
     return 0;
 }

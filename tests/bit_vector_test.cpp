@@ -66,18 +66,21 @@ TEST(BitVector, OperationsMatchModelAndNoMemoryChangesNothing)
     }
     // Without memory, growth is refused and the vector and the module's
     // account stay as they were; a bit within the storage can still be set.
-    model.insert(0);
-    int status = qvtest::run_in_child([&] {
-        bit_vector_t *old = vec;
-        qvtest::exhaust_heap();
-        bool same = bit_vector_init(tp) == nullptr && bit_vector_set(tp, &vec, len * 8) == -1 &&
-                    vec == old && bit_vector_set(tp, &vec, 0) == 0;
-        for (unsigned long i = 0; i <= len * 8; ++i)
-            same = same && bit_vector_isset(vec, i) == (i == 0);
-        check();
-        return same && !::testing::Test::HasFailure() ? 0 : 1;
-    });
-    EXPECT_EQ(status, 0);
+    // (Not under a sanitizer: see qvtest::sanitized.)
+    if (!qvtest::sanitized) {
+        model.insert(0);
+        int status = qvtest::run_in_child([&] {
+            bit_vector_t *old = vec;
+            qvtest::exhaust_heap();
+            bool same = bit_vector_init(tp) == nullptr && bit_vector_set(tp, &vec, len * 8) == -1 &&
+                        vec == old && bit_vector_set(tp, &vec, 0) == 0;
+            for (unsigned long i = 0; i <= len * 8; ++i)
+                same = same && bit_vector_isset(vec, i) == (i == 0);
+            check();
+            return same && !::testing::Test::HasFailure() ? 0 : 1;
+        });
+        EXPECT_EQ(status, 0);
+    }
 
     bit_vector_free(tp, vec);
     EXPECT_EQ(cookie->tmc_n_bytes, 0u);

@@ -93,8 +93,9 @@ TEST(DaemonStartup, RecordsNamesDefaultsAndFirstLine)
 
 TEST(DaemonStartup, ProgramNameIsTheLastPathComponent)
 {
-    for (auto [argv0, want] : {std::pair{"mydaemon", "mydaemon"}, {"/opt/x/", ""}}) {
+    for (auto [argv0, name] : {std::pair{"mydaemon", "mydaemon"}, {"/opt/x/", ""}}) {
         Daemon d;
+        const char *want = name; // a lambda cannot capture a binding before clang 16
         EXPECT_EQ(exit_code(d.run(argv0, [&] { return strcmp(progname, want) != 0; })), 0);
     }
 }

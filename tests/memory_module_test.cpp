@@ -328,8 +328,12 @@ TEST(Module, FatalErrorsHeapExhaustionAndQuitInAChild)
         {[] { atexit([] { qvmodule_quit(0); }), qvmodule_quit(0); }, abrt,
          "qv_module.cpp:qvmodule_quit: assertion \"!recursed\" failed"},
     };
-    for (const auto &[fn, ends, text] : cases)
+    for (const auto &[fn, ends, text] : cases) {
+        // The case that runs out of heap cannot under a sanitizer.
+        if (qvtest::sanitized && strstr(text, "qvmodule_block_alloc"))
+            continue;
         EXPECT_EXIT(fn(), ends, text);
+    }
     EXPECT_NE(qvtest::read_file(trace.path).find("]  qvmodule_quit:\n"), std::string::npos);
 }
 

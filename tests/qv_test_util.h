@@ -81,6 +81,15 @@ inline int run_in_child(const std::function<int()> &fn)
     return status;
 }
 
+// Under a sanitizer the runtime reserves terabytes of address space and
+// serves the heap itself, so the heap cannot be run out by capping the
+// address space: tests that need that skip it.
+#ifdef QV_SANITIZED
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+
 // Caps the address space a little above what the process maps now, so that
 // the heap really runs out. Only for a child process.
 inline void limit_address_space()

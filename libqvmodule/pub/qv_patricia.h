@@ -20,6 +20,12 @@
 
 QV_BEGIN_DECLS
 
+/* clang++ warns that the key union has size 0 in C only; both languages
+ * give it size 0 as the GNU extension, so the node's layout is the same. */
+#if defined(__clang__) && defined(__cplusplus)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wextern-c-compat"
+#endif
 typedef struct patnode_ {
     uint16_t length; /* key length as a bit number; 0: take the tree's */
     uint16_t bit;    /* bit tested as an inner node; 0 for the one that tests none */
@@ -31,6 +37,9 @@ typedef struct patnode_ {
         uint8_t *key_ptr[0];
     } patnode_keys;
 } patnode;
+#if defined(__clang__) && defined(__cplusplus)
+#pragma clang diagnostic pop
+#endif
 
 typedef struct patroot_ {
     patnode *root;

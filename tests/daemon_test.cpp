@@ -5,84 +5,42 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <stdarg.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <string>
 #include <vector>
 
-#include "qv_daemon_private.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 
+using qvtest::Daemon;
 using qvtest::read_file;
 using qvtest::read_lines;
-using qvtest::TempDir;
-
-// Syslog messages of the process under test go to the file named by
-// QV_TEST_SYSLOG, one "priority|message" per line, so tests can read what
-// an operator's syslog would show.
-extern "C" void vsyslog(int priority, const char *fmt, va_list ap)
-{
-    const char *out = getenv("QV_TEST_SYSLOG");
-    if (out == nullptr)
-        return;
-    char msg[4096];
-    vsnprintf(msg, sizeof(msg), fmt, ap);
-    FILE *f = fopen(out, "a");
-    if (f == nullptr)
-        return;
-    fprintf(f, "%d|%s\n", priority, msg);
-    fclose(f);
-}
 
 namespace
 {
-
-struct Daemon {
-    TempDir dir;
-    qv_daemon_app_ctx_t ctx{};
-    std::string trace = dir.file("d.log");
-    std::string syslog = dir.file("syslog");
-
-    Daemon() { ctx.log_file_name = trace.data(); }
-
-    // Starts the daemon in a child under the program name argv0, runs
-    // `after` there and returns the child's wait status.
-    int run(
-        const char *argv0, const std::function<int()> &after = [] { return 0; })
-    {
-        return qvtest::run_in_child([&] {
-            setenv("QV_TEST_SYSLOG", syslog.c_str(), 1);
-            std::string a0 = argv0;
-            char *argv[] = {a0.data(), const_cast<char *>("--flag"), nullptr};
-            qv_daemon_init(2, argv, &ctx);
-            return after();
-        });
-    }
-};
-
-int exit_code(int status)
-{
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 TEST(DaemonStartup, RecordsNamesDefaultsAndFirstLine)
 {
     Daemon d;
     d.ctx.log_file_count = 1;
-    int st = d.run("/usr/sbin/mydaemon", [&] {
-        char cwd[256];
-        bool ok = strcmp(progname, "mydaemon") == 0 && qv_daemon_get_progname() == progname &&
-                  qv_daemon_get_hostname() == hostname && hostname[0] != '\0' &&
-                  daemon_pid == getpid() && daemon_app_ctx == &d.ctx &&
-                  d.ctx.log_file_size == 5000000 && d.ctx.log_file_count == 1 &&
-                  g_event_base != nullptr && qv_get_global_event_base() == g_event_base &&
-                  trace_global != nullptr && getcwd(cwd, sizeof(cwd)) &&
-                  strcmp(cwd, "/var/tmp") == 0 && umask(0) == 022;
-        return ok ? 0 : 1;
-    });
-    EXPECT_EQ(exit_code(st), 0);
+    auto startup = [&] {
+        char cwd[256] = "";
+        EXPECT_STREQ(progname, "mydaemon");
+        EXPECT_EQ(qv_daemon_get_progname(), progname);
+        EXPECT_EQ(qv_daemon_get_hostname(), hostname);
+        EXPECT_NE(hostname[0], '\0');
+        EXPECT_EQ(daemon_pid, getpid());
+        EXPECT_EQ(daemon_app_ctx, &d.ctx);
+        EXPECT_EQ(d.ctx.log_file_size, 5000000u);
+        EXPECT_EQ(d.ctx.log_file_count, 1);
+        EXPECT_NE(g_event_base, nullptr);
+        EXPECT_EQ(qv_get_global_event_base(), g_event_base);
+        EXPECT_NE(trace_global, nullptr);
+        EXPECT_STREQ(getcwd(cwd, sizeof(cwd)), "/var/tmp");
+        EXPECT_EQ(umask(0), 022u);
+        return int(::testing::Test::HasFailure());
+    };
+    EXPECT_EQ(d.run("/usr/sbin/mydaemon", startup), 0);
     auto lines = read_lines(d.trace);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find(" [mydaemon]  qv_daemon_init: Daemon(mydaemon) starting"),
@@ -96,17 +54,17 @@ TEST(DaemonStartup, ProgramNameIsTheLastPathComponent)
     for (auto [argv0, name] : {std::pair{"mydaemon", "mydaemon"}, {"/opt/x/", ""}}) {
         Daemon d;
         const char *want = name; // a lambda cannot capture a binding before clang 16
-        EXPECT_EQ(exit_code(d.run(argv0, [&] { return strcmp(progname, want) != 0; })), 0);
+        EXPECT_EQ(d.run(argv0, [&] { return strcmp(progname, want) != 0; }), 0);
     }
 }
 
 // The default trace path lives under /var/log: the child gets a private
 // tmpfs there so the real one is never touched.
-TEST(DaemonStartup, DefaultTracePathAndSizes)
+TEST(DaemonStartup, DefaultTracePathAndCount)
 {
     Daemon d;
     d.ctx.log_file_name = nullptr;
-    int st = qvtest::run_in_child([&] {
+    int st = qvtest::in_child([&] {
         if (unshare(CLONE_NEWNS) != 0 ||
             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
             mount("tmpfs", "/var/log", "tmpfs", 0, nullptr) != 0)
@@ -114,15 +72,15 @@ TEST(DaemonStartup, DefaultTracePathAndSizes)
         char a0[] = "mydaemon";
         char *argv[] = {a0, nullptr};
         qv_daemon_init(1, argv, &d.ctx);
-        bool ok = strcmp(d.ctx.log_file_name, "/var/log/mydaemon.log") == 0 &&
-                  d.ctx.log_file_size == 5000000 && d.ctx.log_file_count == 5 &&
-                  read_file("/var/log/mydaemon.log").find("Daemon(mydaemon) starting") !=
-                      std::string::npos;
-        return ok ? 0 : 1;
+        EXPECT_STREQ(d.ctx.log_file_name, "/var/log/mydaemon.log");
+        EXPECT_EQ(d.ctx.log_file_count, 5);
+        EXPECT_NE(read_file("/var/log/mydaemon.log").find("Daemon(mydaemon) starting"),
+                  std::string::npos);
+        return int(::testing::Test::HasFailure());
     });
-    if (exit_code(st) == 77)
+    if (st == 77)
         GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
 }
 
 TEST(DaemonStartup, RefusesTraceFilesItCannotOpen)
@@ -130,38 +88,18 @@ TEST(DaemonStartup, RefusesTraceFilesItCannotOpen)
     Daemon d;
     std::string bad = d.dir.file("no/such/dir.log");
     d.ctx.log_file_name = bad.data();
-    EXPECT_EQ(exit_code(d.run("mydaemon", [] { return 3; })), 0);
+    EXPECT_EQ((d.run("mydaemon", [] { return 3; })), 0);
     EXPECT_EQ(read_file(d.syslog), "3|Unable to open trace_file:" + bad + "\n");
 
     // A program name that would overflow the default path's buffer.
     Daemon l;
     l.ctx.log_file_name = nullptr;
     std::string name(300, 'n');
-    EXPECT_EQ(exit_code(l.run(name.c_str(), [] { return 3; })), 0);
+    EXPECT_EQ((l.run(name.c_str(), [] { return 3; })), 0);
     EXPECT_EQ(read_file(l.syslog), "3|Unable to open trace_file:/var/log/" + name + ".log\n");
 }
 
 std::vector<std::string> calls;
-void a_var()
-{
-    calls.push_back("A.var_init");
-}
-void b_var()
-{
-    calls.push_back("B.var_init");
-}
-void a_init()
-{
-    calls.push_back("A.init");
-}
-void b_init()
-{
-    calls.push_back("B.init");
-}
-void c_init()
-{
-    calls.push_back("C.init");
-}
 int parsed_argc;
 bool parsed_before_base;
 void parse(int argc, char **argv)
@@ -175,7 +113,9 @@ TEST(DaemonStartup, RunsParserThenVariableInitialisersThenInitialisers)
 {
     Daemon d;
     struct app_module mods[] = {
-        {1, "A", a_init, a_var}, {2, "B", b_init, b_var}, {3, "C", c_init, nullptr}};
+        {1, "A", [] { calls.push_back("A.init"); }, [] { calls.push_back("A.var_init"); }},
+        {2, "B", [] { calls.push_back("B.init"); }, [] { calls.push_back("B.var_init"); }},
+        {3, "C", [] { calls.push_back("C.init"); }, nullptr}};
     d.ctx.app_modules.count = 3;
     d.ctx.app_modules.primary = mods;
     d.ctx.args_parser_fn = parse;
@@ -183,12 +123,12 @@ TEST(DaemonStartup, RunsParserThenVariableInitialisersThenInitialisers)
         std::vector<std::string> want = {"A.var_init", "B.var_init", "A.init", "B.init", "C.init"};
         return calls == want && parsed_argc == 2 && parsed_before_base ? 0 : 1;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
 
     // A null table runs nothing, whatever the count says.
     Daemon n;
     n.ctx.app_modules.count = 3;
-    EXPECT_EQ(exit_code(n.run("mydaemon", [] { return calls.empty() ? 0 : 1; })), 0);
+    EXPECT_EQ((n.run("mydaemon", [] { return calls.empty() ? 0 : 1; })), 0);
 }
 
 void reenter(evutil_socket_t, short, void *)
@@ -216,7 +156,7 @@ TEST(DaemonStartup, LibeventHooksWriteOnlyWhileTheirBitIsSet)
         event_free(ev);
         return 0;
     });
-    EXPECT_EQ(exit_code(st), 0);
+    EXPECT_EQ(st, 0);
     auto lines = read_lines(d.trace);
     ASSERT_EQ(lines.size(), 3u);
     // libevent's own words are its to change; its warning severity is API.
@@ -226,30 +166,6 @@ TEST(DaemonStartup, LibeventHooksWriteOnlyWhileTheirBitIsSet)
     EXPECT_NE(lines[2].find("]  LIBEVENT FATAL ERROR: 9"), std::string::npos) << lines[2];
     // The hooks write to the trace file only.
     EXPECT_EQ(read_lines(d.syslog).size(), 1u);
-}
-
-// A real daemon: its timer fires from the loop, traces, and the loop ends.
-void tick(evutil_socket_t, short, void *arg)
-{
-    trace_cb(trace_global, TRUE, -1, "tick %d", ++*static_cast<int *>(arg));
-}
-
-TEST(DaemonStartup, LoopDispatchesUntilNoEventIsLeft)
-{
-    Daemon d;
-    int st = d.run("mydaemon", [] {
-        int ticks = 0;
-        struct timeval tv = {0, 1000};
-        struct event *ev = event_new(g_event_base, -1, 0, tick, &ticks);
-        event_add(ev, &tv);
-        qv_daemon_loop();
-        event_free(ev);
-        return ticks == 1 ? 0 : 1;
-    });
-    EXPECT_EQ(exit_code(st), 0);
-    auto lines = read_lines(d.trace);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_NE(lines[1].find("]  tick 1"), std::string::npos);
 }
 
 // Giant lock: a recording, re-entrant lock function.

@@ -14,6 +14,7 @@
 #include <regex>
 
 #include "event_private.h"
+#include "qv_test_util.h"
 
 namespace
 {
@@ -349,10 +350,7 @@ TEST(EventHistoryDeathTest, BrokenRingsAndMisuseAreFatal)
         {"evh_register_cb", "module->mod_name",
          [&] { evh_copy_text = no_copy, evh_register_cb("n", &cb); }},
     };
-    for (const auto &c : cases) {
-        std::string re = std::string("event(_ui)?\\.cpp:") + c.func + ": assertion \"";
-        for (const char *t = c.text; *t; ++t)
-            re += std::string(strchr("()[]", *t) ? "\\" : "") + *t;
-        EXPECT_DEATH(c.misuse(), re + "\" failed");
-    }
+    for (const auto &c : cases)
+        EXPECT_DEATH(c.misuse(),
+                     qvtest::fatal_re(std::string("event(_ui)?\\.cpp:") + c.func, c.text));
 }

@@ -8,6 +8,7 @@
 #include <set>
 #include <vector>
 #include "qv_hbtree.h"
+#include "qv_test_util.h"
 
 using node_t = hbt_node_t;
 struct Item {
@@ -139,10 +140,7 @@ TEST_F(HbtTree, BrokenTreesAndMisuseAreFatal)
              insert(100);
          }},
     };
-    for (auto &c : cases) {
-        std::string re = std::string("qv_hbtree.cpp:hbt_") + c.func + ": assertion \"";
-        for (const char *t = c.text; *t; ++t)
-            re += std::string(strchr("()", *t) ? "\\" : "") + *t;
-        EXPECT_DEATH(c.misuse(), re + "\" failed");
-    }
+    for (auto &c : cases)
+        EXPECT_DEATH(c.misuse(),
+                     qvtest::fatal_re(std::string("qv_hbtree.cpp:hbt_") + c.func, c.text));
 }

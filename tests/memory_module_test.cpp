@@ -11,11 +11,10 @@
 #include <regex>
 
 #include "event_private.h"
-#include "qv_daemon_private.h"
 #include "qv_jobs_private.h"
 #include "qv_memory_private.h"
 #include "qv_show.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 
 namespace
 {
@@ -341,13 +340,9 @@ TEST(Module, FatalErrorsHeapExhaustionAndQuitInAChild)
 // deleted module's timers and jobs go too.
 TEST(ModuleDaemon, FreshDaemonShowsItsPoolsCookiesAndModules)
 {
-    qvtest::TempDir dir;
-    int status = qvtest::run_in_child([&dir] {
-        static std::string log = dir.file("freshd.log"), pid = dir.file("freshd.pid");
-        static qv_daemon_app_ctx_t ctx{};
-        ctx.log_file_name = log.data(), ctx.pid_filename = pid.data();
-        char arg0[] = "/usr/sbin/freshd", *argv[] = {arg0, nullptr};
-        qv_daemon_init(1, argv, &ctx);
+    qvtest::Daemon d(true);
+    int status = qvtest::run_in_child([&d] {
+        d.start("/usr/sbin/freshd");
         qvmodule *tp = qvmodule_alloc("appmod", 0, nullptr);
         qvmodule_create(tp), qvmodule_mem_strdup(tp, "hello");
         EXPECT_EQ(show("module"), module_show_of({evh_qvmodule, sh_qvmodule, tp}))

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 #include "qv_patricia.h"
+#include "qv_test_util.h"
 
 constexpr uint8_t kOff = 3;
 
@@ -191,12 +192,9 @@ TEST(Patricia, RootHooksConstVariantsAndFatalChecks)
         {"set_allocator", "my_free", [&] { patricia_set_allocator(patricia_root_alloc, nullptr); }},
         {"root_free", "root", [&] { patricia_root_free(nullptr); }},
     };
-    for (auto &c : cases) {
-        std::string re = std::string("qv_patricia.cpp:patricia_") + c.func + ": assertion \"";
-        for (const char *t = c.text; *t; ++t)
-            re += std::string(strchr("()*", *t) ? "\\" : "") + *t;
-        EXPECT_DEATH(c.misuse(), re + "\" failed");
-    }
+    for (auto &c : cases)
+        EXPECT_DEATH(c.misuse(),
+                     qvtest::fatal_re(std::string("qv_patricia.cpp:patricia_") + c.func, c.text));
     EXPECT_DEATH(patricia_get(T, 0, "x"), "");
 
     ASSERT_TRUE(patricia_delete(T, A));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -89,6 +90,27 @@ inline constexpr bool sanitized = true;
 #else
 inline constexpr bool sanitized = false;
 #endif
+
+// A wait status as a shell shows it: the exit status, or 128 + the signal.
+inline int exit_code(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+inline int in_child(const std::function<int()> &fn)
+{
+    return exit_code(run_in_child(fn));
+}
+
+// What a fatal check prints: `where` is a pattern ("file.cpp:function"),
+// `text` the checked expression as written.
+inline std::string fatal_re(const std::string &where, const char *text)
+{
+    std::string re = where + ": assertion \"";
+    for (const char *t = text; *t; t++)
+        re += std::string(strchr("^$.|?*+()[]{}\\", *t) ? "\\" : "") + *t;
+    return re + "\" failed";
+}
 
 // Caps the address space a little above what the process maps now, so that
 // the heap really runs out. Only for a child process.

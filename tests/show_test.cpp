@@ -294,10 +294,9 @@ TEST_F(ShowTest, RequestTable)
     const struct {
         const char *text, *request, *members;
     } rows[] = {
-        {"show all,EOC", "show all",
+        {" show  all ,EOC", " show  all ",
          "Command=show all Command=show big Command=show foo Command=show hog "
          "Command=show pauses Command=show text"},
-        {" show  all ,EOC", " show  all ", nullptr}, // same members as above
         {"show foo,interface=eth0,EOC", "show foo", "Handler=foo interface=eth0"},
         {"show foo, interface = eth0 ,EOC", "show foo", "Handler=foo interface=eth0"},
         {"show foo,interface=,EOC", "show foo", invalid.c_str()},
@@ -318,14 +317,11 @@ TEST_F(ShowTest, RequestTable)
          "show foo",
          "Handler=foo interface=a level=b device=c vdcf=d vm=e client=f devtype=g devsn=h"},
     };
-    std::string all;
     for (const auto &row : rows) {
         SCOPED_TRACE(row.text);
         Json reply(request(row.text));
         EXPECT_EQ(reply.request(), row.request);
-        if (all.empty())
-            all = reply.members();
-        EXPECT_EQ(reply.members(), row.members ? row.members : all);
+        EXPECT_EQ(reply.members(), row.members);
     }
     // Commands that cannot be file names are refused without any file.
     std::string long_cmd(300, 'x');
@@ -451,7 +447,7 @@ TEST_F(ShowTest, QvshClient)
         close(pipefd[0]);
         int status = 0;
         waitpid(child, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return qvtest::exit_code(status);
     };
     std::string out;
     EXPECT_EQ(run({"--server", "orbe", "show foo", "interface=eth0", "level=2"}, &out), 0);

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "qv_daemon.h"
 #include "qv_jobs_private.h"
 #include "qv_memory.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 
 namespace
 {
@@ -109,14 +108,9 @@ void *producer(void *)
 
 TEST(Threads, TimersAndJobsFromAnotherThreadSettleExactlyOnce)
 {
-    qvtest::TempDir dir;
-    std::string log = dir.file("qvd.log"), pid = dir.file("qvd.pid");
+    qvtest::Daemon d(true);
     int status = qvtest::run_in_child([&] {
-        qv_daemon_app_ctx_t ctx = {};
-        ctx.pid_filename = pid.data();
-        ctx.log_file_name = log.data();
-        char arg0[] = "/usr/sbin/qvd", *argv[] = {arg0, nullptr};
-        qv_daemon_init(1, argv, &ctx);
+        d.start("/usr/sbin/qvd");
         alarm(30); // a loop that is never woken for the new objects ends here
         pthread_mutexattr_t attr;
         pthread_mutexattr_init(&attr);
@@ -134,27 +128,17 @@ TEST(Threads, TimersAndJobsFromAnotherThreadSettleExactlyOnce)
         qv_daemon_loop();
         pthread_join(thread, nullptr);
 
-        int failures = 0;
-        auto expect = [&failures](const char *what, long id, long want, long got) {
-            if (want == got)
-                return;
-            if (failures++ < 10)
-                fprintf(stderr, "%s of object %ld: expected %ld, got %ld\n", what, id, want, got);
-        };
-        for (long id = 0; id < kObjects; id++) {
+        for (long id = 0; id < kObjects && !::testing::Test::HasFailure(); id++) {
             const Object &o = objects[size_t(id)];
-            expect("dispatches", id, o.fate == kDispatched, o.dispatches);
-            expect("deletions", id, o.fate == kDeleted, o.deletions);
+            EXPECT_EQ(o.dispatches, o.fate == kDispatched) << "dispatches of object " << id;
+            EXPECT_EQ(o.deletions, o.fate == kDeleted) << "deletions of object " << id;
         }
-        expect("timer records left", -1, timers - 1, qvmodule_timer_block_index->tb_n_alloc);
-        expect("job records left", -1, jobs, qvmodule_job_block_index->tb_n_alloc);
-        fprintf(stderr, "%d objects settled, %d by dispatch\n", settled,
-                int(std::count_if(objects.begin(), objects.end(),
-                                  [](const Object &o) { return o.fate == kDispatched; })));
-        return failures;
+        EXPECT_EQ(qvmodule_timer_block_index->tb_n_alloc, timers - 1) << "timer records left";
+        EXPECT_EQ(qvmodule_job_block_index->tb_n_alloc, jobs) << "job records left";
+        return int(::testing::Test::HasFailure());
     });
-    EXPECT_TRUE(WIFEXITED(status)) << "child ended by signal " << WTERMSIG(status);
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "objects settled other than exactly once (see above)";
+    EXPECT_EQ(qvtest::exit_code(status), 0)
+        << "objects settled other than exactly once (see above)";
 }
 
 } // namespace

@@ -11,7 +11,7 @@
 
 #include "qv_jobs_private.h"
 #include "qv_queue.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 #include "qv_timer_private.h"
 
 namespace
@@ -452,12 +452,8 @@ TEST_F(TimerJobDeathTest, FatalChecks)
     for (int p : {128, 8, -1})
         cases.push_back(FATAL(as_is, J, "(priority <= 7 && priority >= 0) || priority == 64",
                               qvmodule_job_create_background(m, p, "x", nop_job, 0)));
-    for (const Fatal &c : cases) {
-        std::string re = std::string(c.file) + ":.*assertion \"";
-        for (const char *p = c.text; *p; p++)
-            re += std::string(strchr("^$.|?*+()[]{}\\", *p) ? "\\" : "") + *p;
-        EXPECT_DEATH((c.before(), c.call()), re + "\" failed");
-    }
+    for (const Fatal &c : cases)
+        EXPECT_DEATH((c.before(), c.call()), qvtest::fatal_re(std::string(c.file) + ":.*", c.text));
 }
 
 void delete_and_stop(qvmodule_timer *t, time_t)
@@ -477,14 +473,10 @@ void delete_twice_and_stop(qvmodule_job *jp)
 // other bits alone; the lock stands around every section.
 TEST(TimerJobDaemon, TraceLinesAndTheLockAmongThem)
 {
-    qvtest::TempDir dir;
-    std::string log = dir.file("qvd.log"), pid = dir.file("qvd.pid"), text;
+    qvtest::Daemon d(true);
+    std::string text;
     int status = qvtest::run_in_child([&] {
-        qv_daemon_app_ctx_t ctx = {};
-        ctx.pid_filename = pid.data();
-        ctx.log_file_name = log.data();
-        char arg0[] = "/usr/sbin/qvd", *argv[] = {arg0, nullptr};
-        qv_daemon_init(1, argv, &ctx);
+        d.start("/usr/sbin/qvd");
         qv_ui_init("qvd");
         qvmodule *m = module("m");
         trace_type_enable(trace_global, QV_TRACE_SOCKET);
@@ -514,7 +506,7 @@ TEST(TimerJobDaemon, TraceLinesAndTheLockAmongThem)
     ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
     ASSERT_EQ(WEXITSTATUS(status), 0);
     // The messages after "go", less their leading "qvmodule_".
-    for (const std::string &line : qvtest::read_lines(log)) {
+    for (const std::string &line : qvtest::read_lines(d.trace)) {
         std::string msg = line.substr(line.find("]  ") + 3);
         text += "; " + msg.substr(msg.rfind("qvmodule_", 0) == 0 ? 9 : 0);
     }

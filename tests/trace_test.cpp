@@ -8,8 +8,7 @@
 #include <regex>
 #include <string>
 
-#include "qv_daemon.h"
-#include "qv_test_util.h"
+#include "qv_test_daemon.h"
 #include "qv_trace_private.h"
 
 using qvtest::file_exists;
@@ -222,26 +221,19 @@ TEST_F(TraceDeathTest, BadPathsAreFatal)
     trace_file_close(tf);
 }
 
-void start_daemon(const std::string &trace_path)
-{
-    qv_daemon_app_ctx_t ctx{};
-    ctx.log_file_name = const_cast<char *>(trace_path.c_str());
-    char arg0[] = "mydaemon";
-    char *argv[] = {arg0, nullptr};
-    qv_daemon_init(1, argv, &ctx);
-}
-
 // A FIFO or a directory at the path reaches the open's fatal check, at start-up as well, and
 // nothing waits for a FIFO's reader (the alarm ends a wait with no message).
 TEST_F(TraceDeathTest, PathsThatAreNoRegularFileAreFatalAtStartUp)
 {
     std::string fifo = dir.file("fifo.log");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string &bad : {fifo, dir.path()}) {
+    for (std::string bad : {fifo, dir.path()}) {
+        qvtest::Daemon d;
+        d.ctx.log_file_name = bad.data();
         EXPECT_DEATH((alarm(10), trace_file_open(bad.c_str(), 1, 1)),
                      "trace_file_open: assertion \"0\"")
             << bad;
-        EXPECT_DEATH((alarm(10), start_daemon(bad)), "trace_file_open: assertion \"0\"") << bad;
+        EXPECT_DEATH((alarm(10), d.start("mydaemon")), "trace_file_open: assertion \"0\"") << bad;
     }
     // A rotation that finds a FIFO in the file's place cannot reopen it.
     trace_file_t *tf = open(10, 1);

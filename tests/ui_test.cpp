@@ -105,24 +105,16 @@ TEST_F(UiTest, TraceSwitchesChangeOnlyTheirBit)
                                                           {"job", QV_TRACE_JOB},
                                                           {"timer", QV_TRACE_TIMER}};
     for (auto [keyword, bit] : switches) {
-        SCOPED_TRACE(keyword);
-        trace_global->trace_mask = 0x8001;
-        EXPECT_EQ(jrpc_invoke_trace("mydaemon", keyword, 1), JRPC_SUCCESS);
-        EXPECT_EQ(trace_global->trace_mask, 0x8001u | bit);
-        EXPECT_EQ(jrpc_invoke_trace("mydaemon", keyword, 0), JRPC_SUCCESS);
-        EXPECT_EQ(trace_global->trace_mask, 0x8001u);
+        for (uint32_t others : {0x8001u, ~bit}) { // every other bit clear, then set
+            SCOPED_TRACE(std::string(keyword) + " among " + std::to_string(others));
+            trace_global->trace_mask = others;
+            EXPECT_EQ(jrpc_invoke_trace("mydaemon", keyword, 1), JRPC_SUCCESS);
+            EXPECT_EQ(trace_global->trace_mask, others | bit);
+            EXPECT_EQ(jrpc_invoke_trace("mydaemon", keyword, 0), JRPC_SUCCESS);
+            EXPECT_EQ(trace_global->trace_mask, others);
+        }
     }
-    // Timer on, then job off: 0x2 set, 0x4 clear, the rest as it was.
-    trace_global->trace_mask = QV_TRACE_JOB | QV_TRACE_MODULE;
-    jrpc_invoke_trace("mydaemon", "timer", 1);
-    jrpc_invoke_trace("mydaemon", "job", 0);
-    EXPECT_EQ(trace_global->trace_mask, QV_TRACE_TIMER | QV_TRACE_MODULE);
 }
-
-} // namespace
-
-namespace
-{
 
 TEST(CJsonFormat, AddsAFormattedStringMemberBesideOthersOfTheSameName)
 {

@@ -38,4 +38,8 @@ cmake -S "$work/cm" -B "$work/cm/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cm/build" >/dev/null
 LD_LIBRARY_PATH=$prefix/lib "$work/cm/build/consumer_cm" "$work/cm.log"
 grep -q "consumer_cm\]  qv_daemon_init: Daemon(consumer_cm) starting" "$work/cm.log"
+# The sample daemon runs from the prefix, finding the library beside it.
+if [ -e "$build/examples/qvtestd" ]; then
+  env -u LD_LIBRARY_PATH "$prefix/sbin/qvtestd" -h >/dev/null
+fi
 echo "install consumer: ok"

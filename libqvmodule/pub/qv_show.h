@@ -87,6 +87,15 @@ QV_EXPORT cJSON *qvsh_cmd_get_json(cmd_ctx_handle cmd_ctx) QV_NOEXCEPT;
 QV_EXPORT qvsh_cmd_arg_t *qvsh_cmd_get_args_list(cmd_ctx_t *cmd_ctx) QV_NOEXCEPT;
 QV_EXPORT void qvsh_cmd_set_output_fmt(cmd_ctx_t *cmd_ctx, qvsh_out_fmt_t fmt) QV_NOEXCEPT;
 
+/* Makes the library's management commands reachable through the show
+ * server: "show memory", "show module", "show timer", "show job" and
+ * "show libevent" answer with the JSON of the handlers that qv_ui_init
+ * registers with the management library, and "trace on" / "trace off"
+ * with level=KEYWORD (module, libevent, job, timer or socket) switch the
+ * same trace bits as its trace commands; any other keyword is answered
+ * with an "Error". Call it once, after qv_daemon_init. */
+QV_EXPORT void qvsh_register_ui_cmds(void) QV_NOEXCEPT;
+
 /* Opens this process's show server on the entry's address: 0 when it is
  * listening, -1 when it could not be opened or one is open already. */
 QV_EXPORT int qvsh_app_init(qvsh_server_t *server) QV_NOEXCEPT;

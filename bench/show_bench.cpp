@@ -30,6 +30,7 @@
 
 #include "qv_daemon.h"
 #include "qv_show_private.h"
+#include "qv_netns.h"
 
 namespace
 {
@@ -40,33 +41,6 @@ constexpr int kPort = QVSH_SERVER_BASE_PORT + kServer;
 
 pid_t daemon_pid_;
 std::string work_dir;
-
-void write_text(const char *path, const std::string &text)
-{
-    int fd = open(path, O_WRONLY);
-    if (fd >= 0)
-        (void)!write(fd, text.data(), text.size()), close(fd);
-}
-
-bool private_network()
-{
-    uid_t uid = geteuid();
-    gid_t gid = getegid();
-    if (unshare(CLONE_NEWNET) != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-            return false;
-        write_text("/proc/self/setgroups", "deny");
-        write_text("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-        write_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
-    }
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    struct ifreq ifr = {};
-    strcpy(ifr.ifr_name, "lo");
-    bool up = ioctl(s, SIOCGIFFLAGS, &ifr) == 0 && (ifr.ifr_flags |= IFF_UP, true) &&
-              ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    close(s);
-    return up;
-}
 
 void start_daemon()
 {
@@ -159,7 +133,7 @@ BENCHMARK(BM_ConnectClose)->UseRealTime()->MinTime(2.0);
 int main(int argc, char **argv)
 {
     signal(SIGPIPE, SIG_IGN);
-    if (!private_network())
+    if (!qvtest::private_network())
         fprintf(stderr, "show_bench: no private network namespace; using port %d on this host\n",
                 kPort);
     start_daemon();

@@ -13,7 +13,6 @@
 #include <arpa/inet.h>
 #include <cjson/cJSON.h>
 #include <fcntl.h>
-#include <linux/if.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -28,6 +27,7 @@
 #include <memory>
 #include <thread>
 
+#include "qv_netns.h"
 #include "qv_test_util.h"
 
 namespace
@@ -61,13 +61,7 @@ std::string isolate()
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", "/var/tmp", "tmpfs", 0, "mode=1777") != 0)
         return std::string("a private tmpfs on /var/tmp: ") + strerror(errno);
-    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct ifreq ifr = {};
-    strcpy(ifr.ifr_name, "lo");
-    bool up = ioctl(s, SIOCGIFFLAGS, &ifr) == 0 &&
-              (ifr.ifr_flags |= IFF_UP, ioctl(s, SIOCSIFFLAGS, &ifr) == 0);
-    close(s);
-    return up ? "" : std::string("bringing lo up: ") + strerror(errno);
+    return qvtest::loopback_up() ? "" : std::string("bringing lo up: ") + strerror(errno);
 }
 
 // Runs argv in dir with env added and its output in the file out.

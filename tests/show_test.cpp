@@ -25,6 +25,7 @@
 
 #include "qv_memory.h"
 #include "qv_show_private.h"
+#include "qv_netns.h"
 #include "qv_test_util.h"
 
 namespace
@@ -33,38 +34,6 @@ namespace
 constexpr qvsh_server_id_t kServer = QVSH_SERVER_ID_ORBE;
 constexpr int kPort = QVSH_SERVER_BASE_PORT + kServer;
 constexpr auto kDeadline = std::chrono::seconds(10);
-
-void write_text(const char *path, const std::string &text)
-{
-    int fd = open(path, O_WRONLY);
-    if (fd >= 0)
-        (void)!write(fd, text.data(), text.size()), close(fd);
-}
-
-// A network namespace with only lo, up; as root the namespace alone, else
-// inside a user namespace of our own.
-bool private_network()
-{
-    static int ok = -1;
-    if (ok >= 0)
-        return ok;
-    uid_t uid = geteuid();
-    gid_t gid = getegid();
-    if (unshare(CLONE_NEWNET) != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-            return (ok = 0);
-        write_text("/proc/self/setgroups", "deny");
-        write_text("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-        write_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
-    }
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    struct ifreq ifr = {};
-    strcpy(ifr.ifr_name, "lo");
-    ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0 && (ifr.ifr_flags |= IFF_UP, true) &&
-         ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    close(s);
-    return ok;
-}
 
 int connect_port(int port, int rcvbuf = 0)
 {
@@ -210,7 +179,7 @@ class ShowTest : public ::testing::Test
 
     void SetUp() override
     {
-        private_network();
+        qvtest::private_network();
         signal(SIGPIPE, SIG_IGN);
         mkdir(out_dir.c_str(), 01777);
         int ready[2];
@@ -509,7 +478,7 @@ TEST(ShowFatal, AssertionTexts)
                  "qv_shared.cpp:qvsh_server_convert_to_network: assertion "
                  "\"server->addr->sa_family == 2\" failed");
     // A port in use stops the daemon.
-    private_network();
+    qvtest::private_network();
     int taken = socket(AF_INET, SOCK_STREAM, 0);
     struct sockaddr_in a = {};
     qvsh_server_convert_to_network(&qvsh_server_list[kServer], reinterpret_cast<sockaddr *>(&a));

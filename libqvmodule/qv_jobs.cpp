@@ -149,19 +149,6 @@ void qv::qvmodule_job_event_cb(int, short event, void *arg) noexcept
         qvmodule_job_delete_internal(jp);
 }
 
-namespace
-{
-
-// Frees a job that another thread deleted, on the loop thread, once no
-// callback of its event can still be under way.
-void free_finalized(struct event *, void *arg) noexcept
-{
-    QV_GIANT_LOCK_SCOPE();
-    qvmodule_block_free(qvmodule_job_block_index, arg);
-}
-
-} // namespace
-
 void qv::qvmodule_job_delete_internal(qvmodule_job *jp) noexcept
 {
     {
@@ -171,7 +158,8 @@ void qv::qvmodule_job_delete_internal(qvmodule_job *jp) noexcept
         if (!qv_on_loop_thread()) {
             // The callback may have begun and be waiting for the lock.
             jp->job_flags |= QVMODULE_JOB_FLAG_FINALIZING;
-            QV_ASSERT(event_free_finalize(0, jp->job_event, free_finalized) == 0);
+            QV_ASSERT(event_free_finalize(0, jp->job_event,
+                                          free_finalized<&qvmodule_job_block_index>) == 0);
             return;
         }
         // Also takes a foreground job that has not run off the active queue.

@@ -416,19 +416,6 @@ extern "C" QV_EXPORT void qvmodule_timer_expire_immediately(qvmodule_timer *tip)
     tip->timer_flags |= QVMODULE_TIMER_FLAG_RESCHEDULED | QVMODULE_TIMER_FLAG_ARMED;
 }
 
-namespace
-{
-
-// Frees a record that another thread deleted, on the loop thread, once no
-// callback of its event can still be under way.
-void free_finalized(struct event *, void *arg) noexcept
-{
-    QV_GIANT_LOCK_SCOPE();
-    qvmodule_block_free(qvmodule_timer_block_index, arg);
-}
-
-} // namespace
-
 void qv::qvmodule_timer_delete_internal(qvmodule_timer *tip) noexcept
 {
     trace_name("qvmodule_timer_delete_internal", tip);
@@ -437,7 +424,8 @@ void qv::qvmodule_timer_delete_internal(qvmodule_timer *tip) noexcept
     if (!qv_on_loop_thread()) {
         // The callback may have begun and be waiting for the lock.
         tip->timer_flags |= QVMODULE_TIMER_FLAG_FINALIZING;
-        QV_ASSERT(event_free_finalize(0, tip->timer_event, free_finalized) == 0);
+        QV_ASSERT(event_free_finalize(0, tip->timer_event,
+                                      free_finalized<&qvmodule_timer_block_index>) == 0);
         return;
     }
     QV_ASSERT(event_del(tip->timer_event) == 0);

@@ -4,6 +4,7 @@
 #define QV_DAEMON_PRIVATE_H
 
 #include "qv_daemon.h"
+#include "qv_memory.h"
 
 /* The library's internal names stand in its own namespace, so that a
  * daemon linking the static archive keeps every other name for itself. The
@@ -87,5 +88,19 @@ class QvGiantLockGuard
 using namespace qv;
 
 #define QV_GIANT_LOCK_SCOPE() ::qv::QvGiantLockGuard qv_giant_lock_scope_(__func__, __LINE__)
+
+namespace qv
+{
+
+/* The finalizer of a timer's or job's event deleted from another thread:
+ * returns the record to its pool on the loop thread, once no callback of
+ * the event can still be under way. */
+template <block_t *Pool> void free_finalized(struct event *, void *record) noexcept
+{
+    QV_GIANT_LOCK_SCOPE();
+    qvmodule_block_free(*Pool, record);
+}
+
+} // namespace qv
 
 #endif

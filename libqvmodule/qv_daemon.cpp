@@ -11,6 +11,7 @@
 
 #include <event2/event.h>
 #include <event2/thread.h>
+#include <iterator>
 #include <pthread.h>
 
 #include "libcpe_event_public_api.h"
@@ -238,15 +239,6 @@ extern "C" QV_EXPORT void qv_giant_unlock(int lock_res) noexcept
 namespace
 {
 
-struct UiCommand {
-    jrpc_reg_kind_t kind;
-    const char *name;
-    const char *help;
-    const char *keyword;
-    int on;
-    jrpc_method_handler_t handler;
-};
-
 } // namespace
 
 jrpc_method_retval_t qv::qv_ui_trace_switch(uint32_t bit, bool on) noexcept
@@ -280,26 +272,29 @@ extern "C" QV_EXPORT jrpc_method_retval_t qv_libevent_trace_off(jrpc_method_ctx_
     return qv_ui_trace_switch(QV_TRACE_LIBEVENT, false);
 }
 
+const qv::UiCommand qv::ui_commands[] = {
+    {JRPC_REG_SHOW, "memory_usage", "daemon memory usage", "memory", 0, qvmodule_memory_show},
+    {JRPC_REG_SHOW, "module_usage", "modules", "module", 0, qvmodule_module_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "module", 1, qvmodule_module_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "module", 0, qvmodule_module_trace_off},
+    {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1, qv_libevent_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0, qv_libevent_trace_off},
+    {JRPC_REG_SHOW, "job", "job information", "job", 0, qvmodule_job_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "job", 1, qvmodule_job_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "job", 0, qvmodule_job_trace_off},
+    {JRPC_REG_SHOW, "timer", "timer information", "timer", 0, qvmodule_timer_show},
+    {JRPC_REG_TRACE, nullptr, nullptr, "timer", 1, qvmodule_timer_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "timer", 0, qvmodule_timer_trace_off},
+    {JRPC_REG_TRACE, nullptr, nullptr, "socket", 1, qvmodule_socket_trace_on},
+    {JRPC_REG_TRACE, nullptr, nullptr, "socket", 0, qvmodule_socket_trace_off},
+};
+const size_t qv::ui_command_count = std::size(ui_commands);
+
 extern "C" QV_EXPORT void qv_ui_init(const char *app_name) noexcept
 {
-    static const UiCommand commands[] = {
-        {JRPC_REG_SHOW, "memory_usage", "daemon memory usage", "memory", 0, qvmodule_memory_show},
-        {JRPC_REG_SHOW, "module_usage", "modules", "module", 0, qvmodule_module_show},
-        {JRPC_REG_TRACE, nullptr, nullptr, "module", 1, qvmodule_module_trace_on},
-        {JRPC_REG_TRACE, nullptr, nullptr, "module", 0, qvmodule_module_trace_off},
-        {JRPC_REG_SHOW, "libevent", "libevent", "libevent", 0, qv_libevent_show},
-        {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 1, qv_libevent_trace_on},
-        {JRPC_REG_TRACE, nullptr, nullptr, "libevent", 0, qv_libevent_trace_off},
-        {JRPC_REG_SHOW, "job", "job information", "job", 0, qvmodule_job_show},
-        {JRPC_REG_TRACE, nullptr, nullptr, "job", 1, qvmodule_job_trace_on},
-        {JRPC_REG_TRACE, nullptr, nullptr, "job", 0, qvmodule_job_trace_off},
-        {JRPC_REG_SHOW, "timer", "timer information", "timer", 0, qvmodule_timer_show},
-        {JRPC_REG_TRACE, nullptr, nullptr, "timer", 1, qvmodule_timer_trace_on},
-        {JRPC_REG_TRACE, nullptr, nullptr, "timer", 0, qvmodule_timer_trace_off},
-        {JRPC_REG_TRACE, nullptr, nullptr, "socket", 1, qvmodule_socket_trace_on},
-        {JRPC_REG_TRACE, nullptr, nullptr, "socket", 0, qvmodule_socket_trace_off},
-    };
-    for (const UiCommand &c : commands) {
+    for (size_t i = 0; i < ui_command_count; i++) {
+        const UiCommand &c = ui_commands[i];
         if (c.kind == JRPC_REG_SHOW)
             jrpc_register_show_command(jrpc_gl_amd_session, app_name, c.name, c.help, c.keyword,
                                        c.handler);

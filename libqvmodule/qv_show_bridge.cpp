@@ -3,36 +3,24 @@
 // given in their context; the show server gives each request a JSON
 // object too, so a show command only has to hand its object over.
 
+#include <stdio.h>
 #include <string.h>
 
 #include <jrpc.h>
 
-#include "qv_daemon.h"
+#include "qv_daemon_private.h"
 #include "qv_memory.h"
 #include "qv_show.h"
 
 namespace
 {
 
-// The show commands of qv_ui_init, under their show-server names.
+// The show commands of qv_ui_init, under their show-server names. A show
+// command carries no data of its own, so each names its handler at compile
+// time; the trace switches are looked up in qv_ui_init's own table.
 struct UiShow {
     const char *command;
     cmd_handler_cb handler;
-};
-
-// The trace keywords of qv_ui_init with their two handlers.
-struct UiTrace {
-    const char *keyword;
-    jrpc_method_handler_t on;
-    jrpc_method_handler_t off;
-};
-
-const UiTrace kTraces[] = {
-    {"module", qvmodule_module_trace_on, qvmodule_module_trace_off},
-    {"libevent", qv_libevent_trace_on, qv_libevent_trace_off},
-    {"job", qvmodule_job_trace_on, qvmodule_job_trace_off},
-    {"timer", qvmodule_timer_trace_on, qvmodule_timer_trace_off},
-    {"socket", qvmodule_socket_trace_on, qvmodule_socket_trace_off},
 };
 
 void run_handler(cmd_ctx_handle ctx, jrpc_method_handler_t handler)
@@ -54,23 +42,37 @@ const UiShow kShows[] = {
     {"show timer", show_cmd<qvmodule_timer_show>},
 };
 
+// The trace keywords, named for a request that gives none of them.
+void add_keyword_error(cJSON *out)
+{
+    char text[128] = "level must be one of";
+    size_t len = strlen(text);
+    const char *sep = " ";
+    for (size_t i = 0; i < ui_command_count; i++) {
+        const UiCommand &c = ui_commands[i];
+        if (c.kind == JRPC_REG_TRACE && c.on && len < sizeof(text)) {
+            len += snprintf(text + len, sizeof(text) - len, "%s%s", sep, c.keyword);
+            sep = ", ";
+        }
+    }
+    cJSON_AddStringToObject(out, "Error", text);
+}
+
+// Runs the switch that qv_ui_init registers for the keyword and direction.
 void trace_cmd(cmd_ctx_handle ctx, bool on)
 {
     cJSON *out = qvsh_cmd_get_json(ctx);
     const qvsh_cmd_arg_t &level = qvsh_cmd_get_args_list(ctx)[QVSH_ARG_ID_DISP_LEVEL];
-    if (level.arg_present) {
-        for (const UiTrace &t : kTraces) {
-            if (strcmp(level.arg_value, t.keyword) == 0) {
-                run_handler(ctx, on ? t.on : t.off);
-                cJSON_AddItemToObject(out, "Trace", cJSON_CreateString(t.keyword));
-                cJSON_AddItemToObject(out, "State", cJSON_CreateString(on ? "on" : "off"));
-                return;
-            }
+    for (size_t i = 0; level.arg_present && i < ui_command_count; i++) {
+        const UiCommand &c = ui_commands[i];
+        if (c.kind == JRPC_REG_TRACE && c.on == on && strcmp(level.arg_value, c.keyword) == 0) {
+            run_handler(ctx, c.handler);
+            cJSON_AddStringToObject(out, "Trace", c.keyword);
+            cJSON_AddStringToObject(out, "State", on ? "on" : "off");
+            return;
         }
     }
-    cJSON_AddItemToObject(out, "Error",
-                          cJSON_CreateString("level must be one of module, libevent, job, "
-                                             "timer, socket"));
+    add_keyword_error(out);
 }
 
 void trace_on_cmd(cmd_ctx_handle ctx)

@@ -24,6 +24,20 @@ extern int daemon_pid_fd;
 /* The body of every trace on/off command: sets or clears one bit of
  * trace_global's mask. */
 jrpc_method_retval_t qv_ui_trace_switch(uint32_t bit, bool on) noexcept;
+/* The library's management commands as qv_ui_init registers them: a show,
+ * or one half (on is 1 or 0) of a keyword's trace switch. The show server's
+ * bridge serves the same trace keywords from it. */
+struct UiCommand {
+    jrpc_reg_kind_t kind;
+    const char *name;
+    const char *help;
+    const char *keyword;
+    int on;
+    jrpc_method_handler_t handler;
+};
+extern const UiCommand ui_commands[];
+extern const size_t ui_command_count;
+
 /* Adds {"Name": name} to a show list under its repeating entry key. */
 void qv_show_add_name(cJSON *list, const char *entry_key, const char *name) noexcept;
 void qv_libevent_fatal_fn(int err) noexcept;
